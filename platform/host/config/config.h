@@ -1,0 +1,49 @@
+// Configuration of the host platform: which directories play the device's file systems, and where
+// the platform keeps its state.
+#ifndef RUMA_HOST_CONFIG_H
+#define RUMA_HOST_CONFIG_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace ruma {
+
+// One file system of the device: the scheme of its URIs, the directory that holds its files, a text
+// for the operator.
+struct FileSystem {
+    std::string scheme;
+    std::string directory;
+    std::string description;
+};
+
+struct Config {
+    std::vector<FileSystem> file_systems;
+    std::string core_directory; // where core files lie; empty when there are none
+    std::string agent_user;     // user that the agent runs as; empty means the daemon's own
+};
+
+// A configuration that cannot be used; what() names the file, the line and the reason.
+class ConfigError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads a configuration file. Throws ConfigError.
+Config load_config(const std::string &path);
+
+// The path of this process's configuration: RUMA_CONFIG, or /etc/ruma/platform.toml.
+std::string config_path();
+
+// This process's configuration, read at the first call; the built-in default when the file does not
+// exist. A file that cannot be used is reported once on standard error and gives a configuration
+// without file systems: everything is refused rather than guessed.
+const Config &config();
+
+// The directory of the platform's sockets, event history and error log: RUMA_RUN_DIR, or /run/ruma.
+// Read at the first call, not created.
+const std::string &run_dir();
+
+} // namespace ruma
+
+#endif
