@@ -1,0 +1,96 @@
+// The ordered index container, on the standard library's ordered set.
+#include "ruma/ordset.h"
+
+#include <iterator>
+#include <new>
+#include <set>
+
+namespace {
+
+struct Less {
+    using is_transparent = void;
+    ordset_compare compare;
+
+    bool operator()(const void *a, const void *b) const { return compare(a, b) < 0; }
+};
+
+using Tree = std::set<void *, Less>;
+
+Tree *tree_of(const ordset *set) {
+    return set == nullptr ? nullptr : static_cast<Tree *>(set->tree);
+}
+
+} // namespace
+
+extern "C" {
+
+int ordset_create(ordset *set, int, int, ordset_compare compare, int) {
+    if (set == nullptr)
+        return -1;
+    delete tree_of(set);
+    set->tree = nullptr;
+    if (compare == nullptr)
+        return -1;
+    try {
+        set->tree = new Tree(Less{compare});
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+    return 0;
+}
+
+void *ordset_add(ordset *set, const void *key, void *object) {
+    Tree *tree = tree_of(set);
+    if (tree == nullptr || key == nullptr || object == nullptr)
+        return nullptr;
+    const auto present = tree->find(key);
+    if (present != tree->end())
+        return *present;
+    try {
+        return *tree->insert(object).first;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+void *ordset_find(const ordset *set, const void *key, int) {
+    Tree *tree = tree_of(set);
+    if (tree == nullptr || key == nullptr)
+        return nullptr;
+    const auto found = tree->find(key);
+    return found == tree->end() ? nullptr : *found;
+}
+
+void *ordset_find_nextgreater(const ordset *set, const void *key) {
+    Tree *tree = tree_of(set);
+    if (tree == nullptr || key == nullptr)
+        return nullptr;
+    const auto found = tree->upper_bound(key);
+    return found == tree->end() ? nullptr : *found;
+}
+
+void *ordset_find_nth_obj(const ordset *set, uint32_t n) {
+    const Tree *tree = tree_of(set);
+    if (tree == nullptr || n == 0 || n > tree->size())
+        return nullptr;
+    return *std::next(tree->begin(), static_cast<Tree::difference_type>(n - 1));
+}
+
+void *ordset_remove(ordset *set, const void *key) {
+    Tree *tree = tree_of(set);
+    if (tree == nullptr || key == nullptr)
+        return nullptr;
+    const auto found = tree->find(key);
+    if (found == tree->end())
+        return nullptr;
+    void *object = *found;
+    tree->erase(found);
+    return object;
+}
+
+uint32_t ordset_size(const ordset *set) {
+    const Tree *tree = tree_of(set);
+    return tree == nullptr ? 0 : static_cast<uint32_t>(tree->size());
+}
+
+} // extern "C"
