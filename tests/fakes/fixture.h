@@ -1,0 +1,214 @@
+// What the tests of the module share: the fixture and short ways to rows, requests and SETs. Only
+// for programs that link the module's objects.
+#ifndef FAKES_FIXTURE_H
+#define FAKES_FIXTURE_H
+
+#include "fakes/platform.h"
+#include "fakes/system.h"
+
+#include "flash_codes.h"
+#include "flash_copy.h"
+#include "flash_records.h"
+#include "flash_rows.h"
+#include "orvex_flash_mib.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace fakes {
+
+// Removes every row of both tables, through the module's own operations.
+inline void empty_tables() {
+    flashCopyEntry copy{};
+    while (getnextFlashCopyEntry(&copy) == flash::success) {
+        ASSERT_EQ(deleteFlashCopyEntry(&copy), flash::success);
+        copy.index = 0;
+    }
+    flashMiscOpEntry misc{};
+    while (getnextFlashMiscOpEntry(&misc) == flash::success) {
+        ASSERT_EQ(deleteFlashMiscOpEntry(&misc), flash::success);
+        misc.index = 0;
+    }
+}
+
+// Starts every test with both tables empty, no worker, fresh fakes and nothing recorded.
+class FlashTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        reset();
+        empty_tables();
+        flash_copy_pid = 0;
+        reset();
+    }
+    void TearDown() override {
+        reset();
+        empty_tables();
+    }
+};
+
+// Puts a text into a field of fixed size, with its terminator when there is room for it.
+template <std::size_t Size>
+void put(char (&field)[Size], std::string_view text) {
+    ASSERT_LE(text.size(), Size);
+    std::memset(field, 0, Size);
+    std::memcpy(field, text.data(), text.size());
+}
+
+// A row with the defaults of its table, changed by `change`; not in the store.
+inline flashCopyEntry copy_row(const std::function<void(flashCopyEntry &)> &change = nullptr) {
+    flashCopyEntry *made = createFlashCopyEntry();
+    flashCopyEntry row = *made;
+    flashCopyEntry_free(made);
+    if (change)
+        change(row);
+    return row;
+}
+inline flashMiscOpEntry misc_row(const std::function<void(flashMiscOpEntry &)> &change = nullptr) {
+    flashMiscOpEntry *made = createFlashMiscOpEntry();
+    flashMiscOpEntry row = *made;
+    flashMiscOpEntry_free(made);
+    if (change)
+        change(row);
+    return row;
+}
+
+// Adds a row with the defaults of its table, changed by `change`, to the store.
+inline void add_copy_row(int32_t index,
+                         const std::function<void(flashCopyEntry &)> &change = nullptr) {
+    flashCopyEntry *row = createFlashCopyEntry();
+    ASSERT_NE(row, nullptr);
+    row->index = index;
+    if (change)
+        change(*row);
+    ASSERT_EQ(addFlashCopyEntry(row), flash::success);
+}
+inline void add_misc_row(int32_t index,
+                         const std::function<void(flashMiscOpEntry &)> &change = nullptr) {
+    flashMiscOpEntry *row = createFlashMiscOpEntry();
+    ASSERT_NE(row, nullptr);
+    row->index = index;
+    if (change)
+        change(*row);
+    ASSERT_EQ(addFlashMiscOpEntry(row), flash::success);
+}
+
+// The row as it is in the store.
+inline std::optional<flashCopyEntry> stored_copy_row(int32_t index) {
+    flashCopyEntry row{};
+    row.index = index;
+    return getFlashCopyEntry(&row) == flash::success ? std::optional(row) : std::nullopt;
+}
+inline std::optional<flashMiscOpEntry> stored_misc_row(int32_t index) {
+    flashMiscOpEntry row{};
+    row.index = index;
+    return getFlashMiscOpEntry(&row) == flash::success ? std::optional(row) : std::nullopt;
+}
+
+using Oid = std::vector<oid>;
+
+inline const variable7 &object(int magic) {
+    for (const variable7 &row : orvex_flash_mib_variables)
+        if (row.magic == magic)
+            return row;
+    ADD_FAILURE() << "no object with magic " << magic;
+    return orvex_flash_mib_variables[0];
+}
+
+// The OID of an object below the root, with instance arcs behind it.
+inline Oid instance_of(int magic, std::initializer_list<oid> arcs = {}) {
+    Oid name(orvex_flash_mib_variables_oid, orvex_flash_mib_variables_oid + orvexFlashRootLength);
+    const variable7 &row = object(magic);
+    name.insert(name.end(), row.name, row.name + row.namelen);
+    name.insert(name.end(), arcs);
+    return name;
+}
+
+// What a GET handler answered. Empty answers have `value` null.
+struct Answer {
+    const u_char *value = nullptr;
+    size_t length = 0;
+    Oid name;
+    WriteMethod *write_method = nullptr;
+
+    int32_t integer() const {
+        int32_t number = 0;
+        if (value != nullptr)
+            std::memcpy(&number, value, sizeof number);
+        return number;
+    }
+    uint32_t counter() const { return static_cast<uint32_t>(integer()); }
+    counter64 wide() const {
+        counter64 number{};
+        if (value != nullptr)
+            std::memcpy(&number, value, sizeof number);
+        return number;
+    }
+    std::string text() const {
+        return value == nullptr ? std::string()
+                                : std::string(reinterpret_cast<const char *>(value), length);
+    }
+};
+
+constexpr size_t untouched_length = 9999;
+
+// Asks the handler of an object, presented as the agent does, for `name`. `magic` in the presented
+// row can be replaced to ask for one that a handler does not serve. The write method is cleared
+// beforehand, as the agent does, or starts as `write_method`.
+inline Answer ask(int magic, const Oid &name, bool exact, std::optional<u_char> replaced = {},
+                  WriteMethod *write_method = nullptr) {
+    const variable7 &row = object(magic);
+    variable presented{};
+    presented.magic = replaced.value_or(row.magic);
+    presented.type = row.type;
+    presented.acl = row.acl;
+    presented.findVar = row.findVar;
+    const Oid column = instance_of(magic);
+    presented.namelen = static_cast<u_char>(column.size());
+    std::copy(column.begin(), column.end(), presented.name);
+
+    oid requested[MAX_OID_LEN] = {};
+    std::copy(name.begin(), name.end(), requested);
+    size_t requested_length = name.size();
+    Answer answer;
+    answer.length = untouched_length;
+    answer.write_method = write_method;
+    answer.value = row.findVar(&presented, requested, &requested_length, exact ? 1 : 0,
+                               &answer.length, &answer.write_method);
+    answer.name.assign(requested, requested + requested_length);
+    return answer;
+}
+inline Answer get(int magic, std::initializer_list<oid> arcs = {}) {
+    return ask(magic, instance_of(magic, arcs), true);
+}
+inline Answer getnext(int magic, std::initializer_list<oid> arcs = {}) {
+    return ask(magic, instance_of(magic, arcs), false);
+}
+
+// One phase of a SET of a column of the row with this index: the status answered. The value is
+// copied into memory of exactly its size. `current` is the value that the GET handler answered.
+inline int set_phase(WriteMethod *method, int action, int magic, oid index, u_char type,
+                     const void *value, size_t length, u_char *current = nullptr) {
+    Oid name = instance_of(magic, {index});
+    std::vector<u_char> bytes(static_cast<const u_char *>(value),
+                              static_cast<const u_char *>(value) + length);
+    return method(action, value == nullptr ? nullptr : bytes.data(), type, length, current,
+                  name.data(), name.size());
+}
+inline int set_integer(WriteMethod *method, int action, int magic, oid index, long value,
+                       u_char *current = nullptr) {
+    return set_phase(method, action, magic, index, ASN_INTEGER, &value, sizeof value, current);
+}
+inline int set_text(WriteMethod *method, int action, int magic, oid index, std::string_view value) {
+    return set_phase(method, action, magic, index, ASN_OCTET_STR, value.data(), value.size());
+}
+
+} // namespace fakes
+
+#endif
