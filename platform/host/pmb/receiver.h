@@ -1,0 +1,54 @@
+// The receiving end of the message service.
+#ifndef RUMA_HOST_PMB_RECEIVER_H
+#define RUMA_HOST_PMB_RECEIVER_H
+
+#include "pmb/message.h"
+
+#include <cstdint>
+
+namespace ruma {
+
+// Datagrams that a receiver has seen.
+struct PmbCounters {
+    uint64_t delivered;
+    uint64_t foreign;   // dropped: the sender is neither the receiver's user nor root
+    uint64_t malformed; // dropped: no valid header, or not the length that the header says
+    uint64_t truncated; // dropped: longer than any message
+
+    uint64_t dropped() const { return foreign + malformed + truncated; }
+};
+
+// The receiver of one access point, in one process. The socket file outlives it: the next receiver
+// replaces a file that nobody listens on.
+class PmbReceiver {
+  public:
+    PmbReceiver() = default;
+    PmbReceiver(const PmbReceiver &) = delete;
+    PmbReceiver &operator=(const PmbReceiver &) = delete;
+    ~PmbReceiver();
+
+    // Starts to receive. Returns 0 or an errno: EADDRINUSE when another receiver is alive, EEXIST
+    // when something that is no socket stands at the path. Does not block.
+    int open(uint32_t node, uint32_t sap);
+
+    // The non-blocking, close-on-exec socket to wait on; -1 before open().
+    int descriptor() const { return socket_; }
+
+    // Takes the next message that passes every check; drops and counts the others. The sender must
+    // be root or the effective user that this process has now, which may differ from the one that
+    // opened the receiver. Returns false when none is there, and after a bounded number of drops.
+    // Does not block.
+    bool receive(pmb_message &message);
+
+    const PmbCounters &counters() const { return counters_; }
+
+  private:
+    uint32_t node_ = 0;
+    uint32_t sap_ = 0;
+    int socket_ = -1;
+    PmbCounters counters_{};
+};
+
+} // namespace ruma
+
+#endif
