@@ -1,0 +1,146 @@
+// The log dump: a copy of the log file beside the output, moved into its place when it is whole.
+#include "ruma/syslog.h"
+
+#include "syserr/codes.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// An open descriptor.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { close(); }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    int get() const { return fd_; }
+
+    int close() {
+        const int result = fd_ < 0 ? 0 : ::close(fd_);
+        fd_ = -1;
+        return result;
+    }
+
+  private:
+    int fd_;
+};
+
+// A file that disappears unless it was moved elsewhere.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(std::string name) : name_(std::move(name)) {}
+    ~TemporaryFile() {
+        if (!moved_)
+            ::unlink(name_.c_str());
+    }
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+
+    bool move_to(const char *target) {
+        moved_ = std::rename(name_.c_str(), target) == 0;
+        return moved_;
+    }
+
+  private:
+    std::string name_;
+    bool moved_ = false;
+};
+
+int32_t output_error(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EFBIG ? ruma::log_no_space
+                                                                : ruma::log_output_failed;
+}
+
+bool write_all(int fd, const char *data, size_t length) {
+    while (length > 0) {
+        const ssize_t written = ::write(fd, data, length);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+// Copies at most `length` bytes: a log that grows meanwhile does not keep the caller.
+int32_t copy(int from, int to, off_t length) {
+    std::array<char, 65536> buffer;
+    while (length > 0) {
+        const size_t wanted =
+            static_cast<size_t>(std::min(length, static_cast<off_t>(buffer.size())));
+        const ssize_t got = ::read(from, buffer.data(), wanted);
+        if (got == 0)
+            break;
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return ruma::log_unreadable;
+        }
+        if (!write_all(to, buffer.data(), static_cast<size_t>(got)))
+            return output_error(errno);
+        length -= got;
+    }
+    return ruma::success;
+}
+
+int32_t dump(const char *log, const char *output) {
+    // Not blocking, lest a FIFO in the log's place holds up the agent.
+    Descriptor from(::open(log, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (from.get() < 0) {
+        switch (errno) {
+        case ENOENT:
+        case ENOTDIR:
+            return ruma::log_not_found;
+        case ELOOP:
+        case ENXIO:
+            return ruma::log_not_a_file;
+        default:
+            return ruma::log_unreadable;
+        }
+    }
+    struct stat status {};
+    if (::fstat(from.get(), &status) != 0)
+        return ruma::log_unreadable;
+    if (!S_ISREG(status.st_mode))
+        return ruma::log_not_a_file;
+
+    std::string name = std::string(output) + ".XXXXXX";
+    Descriptor to(::mkostemp(name.data(), O_CLOEXEC)); // exclusive, mode 0600
+    if (to.get() < 0)
+        return output_error(errno);
+    TemporaryFile temporary(name);
+    const int32_t result = copy(from.get(), to.get(), status.st_size);
+    if (result != ruma::success)
+        return result;
+    if (to.close() != 0 || !temporary.move_to(output))
+        return output_error(errno);
+    return ruma::success;
+}
+
+} // namespace
+
+extern "C" int32_t syslog_disp_logfile(const syslog_dump_request *request, const char *log,
+                                       const char *output, int first, int last, int flags) {
+    if (request == nullptr || request->kind != SYSLOG_DUMP_PLAIN || log == nullptr ||
+        output == nullptr || *output == '\0' || first != 0 || last != 0 || flags != 0)
+        return ruma::log_bad_request;
+    try {
+        return dump(log, output);
+    } catch (const std::bad_alloc &) {
+        return ruma::log_output_failed;
+    }
+}

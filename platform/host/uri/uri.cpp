@@ -1,0 +1,128 @@
+// Device URIs and core-file URIs.
+#include "ruma/uri.h"
+
+#include "config/config.h"
+#include "ruma/svcmgr.h"
+#include "syserr/codes.h"
+#include "uri/confine.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view core_scheme = "core";
+
+// File types other than a directory's.
+enum { type_regular = 1, type_other = 2 };
+
+struct Uri {
+    std::string_view scheme;
+    std::string_view path;
+};
+
+int32_t parse(const char *text, Uri *uri) {
+    const size_t length = ::strnlen(text, PATH_MAX);
+    if (length == PATH_MAX)
+        return ruma::uri_too_long;
+    const std::string_view whole(text, length);
+    const auto control = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+    const size_t colon = whole.find(':');
+    if (colon == 0 || colon == whole.npos || std::any_of(whole.begin(), whole.end(), control))
+        return ruma::uri_malformed;
+    *uri = {whole.substr(0, colon), whole.substr(colon + 1)};
+    return ruma::success;
+}
+
+int32_t resolve(const char *text, ruma::Confined *result) {
+    Uri uri;
+    const int32_t code = parse(text, &uri);
+    if (code != ruma::success)
+        return code;
+    for (const ruma::FileSystem &file_system : ruma::config().file_systems) {
+        if (file_system.scheme == uri.scheme)
+            return ruma::confine(file_system.directory, uri.path, result);
+    }
+    return ruma::uri_unknown_scheme;
+}
+
+int32_t resolve_core(const char *text, ruma::Confined *result) {
+    Uri uri;
+    int32_t code = parse(text, &uri);
+    if (code != ruma::success)
+        return code;
+    if (uri.scheme != core_scheme)
+        return ruma::uri_unknown_scheme;
+    if (ruma::config().core_directory.empty())
+        return ruma::uri_no_core_files;
+    code = ruma::confine(ruma::config().core_directory, uri.path, result);
+    if (code != ruma::success)
+        return code;
+    if (!result->status)
+        return ruma::uri_not_found;
+    return S_ISREG(result->status->st_mode) ? ruma::success : ruma::uri_not_a_file;
+}
+
+// Copies a path out as a whole or not at all.
+int32_t hand_out(const std::string &path, char *buffer, size_t size) {
+    if (path.size() >= size)
+        return ruma::uri_too_long;
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    return ruma::success;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t uriutil_uri_to_path(const char *uri, char *path, size_t size, int) {
+    if (uri == nullptr || path == nullptr)
+        return ruma::uri_bad_argument;
+    try {
+        ruma::Confined found;
+        const int32_t code = resolve(uri, &found);
+        return code == ruma::success ? hand_out(found.path, path, size) : code;
+    } catch (const std::bad_alloc &) {
+        return ruma::uri_no_memory;
+    }
+}
+
+int32_t uriutil_stat_get(const char *uri, uriutil_stat *stat, int) {
+    if (uri == nullptr || stat == nullptr)
+        return ruma::uri_bad_argument;
+    try {
+        ruma::Confined found;
+        const int32_t code = resolve(uri, &found);
+        if (code != ruma::success)
+            return code;
+        if (!found.status)
+            return ruma::uri_not_found;
+        const mode_t mode = found.status->st_mode;
+        stat->file_type = S_ISDIR(mode)   ? int32_t{URIUTIL_TYPE_DIRECTORY}
+                          : S_ISREG(mode) ? int32_t{type_regular}
+                                          : int32_t{type_other};
+        stat->mode = mode & 07777;
+        stat->size = static_cast<uint64_t>(found.status->st_size);
+        stat->modified = static_cast<int64_t>(found.status->st_mtim.tv_sec);
+        return ruma::success;
+    } catch (const std::bad_alloc &) {
+        return ruma::uri_no_memory;
+    }
+}
+
+int32_t svcmgrcmi_core_uri_to_path(int, const char *uri, svcmgr_path *path) {
+    if (uri == nullptr || path == nullptr)
+        return ruma::uri_bad_argument;
+    try {
+        ruma::Confined found;
+        const int32_t code = resolve_core(uri, &found);
+        return code == ruma::success ? hand_out(found.path, path->text, sizeof(path->text)) : code;
+    } catch (const std::bad_alloc &) {
+        return ruma::uri_no_memory;
+    }
+}
+
+} // extern "C"
