@@ -17,10 +17,9 @@ FLASH_API u_char *get_orvexFlashPartitionTable(struct variable *vp, oid *name, s
 FLASH_API u_char *get_orvexFlashFileTable(struct variable *vp, oid *name, size_t *length, int exact,
                                           size_t *var_len, WriteMethod **write_method);
 
-// Convert a record in place between network and host order on a little-endian host and back, by
-// swapping the bytes of its 32-bit words. Texts and 64-bit values are left alone. The module
-// itself exchanges records in host order; these are for callers that talk to a host of the other
-// byte order.
+// Convert a record in place for or from a host of the other byte order: the bytes of its 32-bit
+// words are swapped, in either direction and whatever this host's order is. Texts and 64-bit values
+// are left alone. The module itself exchanges records in host order.
 FLASH_API void flashDeviceEntry_t_ntoh(flashDeviceEntry *entry);
 FLASH_API void flashDeviceEntry_hton(flashDeviceEntry *entry);
 FLASH_API void flashPartitionEntry_ntoh(flashPartitionEntry *entry);

@@ -4,6 +4,7 @@
 
 #include "flash_agent.h"
 #include "flash_export.h"
+#include "ruma/agent.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -55,9 +56,10 @@ namespace flash {
 
 enum class ErrorRecord { keep, clear };
 
-// Enters a code as flash_log_snmp_error does, clearing the module's error record first or writing
-// over what it holds. Returns the text as it was entered, valid until the next entry.
-const char *enter_error(int32_t code, ErrorRecord before);
+// Puts a platform error code and its text, cut at 200 characters, into the module's error record,
+// clearing the record first or writing over what it holds. Returns the record, ready for
+// log_snmp_error.
+const snmp_error_record &fill_error_record(int32_t code, ErrorRecord before);
 
 } // namespace flash
 
