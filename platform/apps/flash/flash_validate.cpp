@@ -38,9 +38,12 @@ bool is_scheme(const char *token, std::size_t count) {
     return false;
 }
 
+// Copies a text, cut to what the field holds.
 template <std::size_t Size>
 void copy_text(char (&field)[Size], const char *text) {
-    std::snprintf(field, Size, "%s", text);
+    const std::size_t length = strnlen(text, Size - 1);
+    std::memcpy(field, text, length);
+    field[length] = '\0';
 }
 
 void trace_scheme(const char *scheme) {
