@@ -1,0 +1,44 @@
+// A file that replaces its destination only once all of it is there.
+#ifndef RUMA_HOST_TFTP_INCOMING_FILE_H
+#define RUMA_HOST_TFTP_INCOMING_FILE_H
+
+#include <string>
+#include <sys/types.h>
+
+namespace ruma {
+
+// The content is collected in a file without a name where the file system can do that, so that
+// nothing is left of it when the process is killed; else in a file ".tftp-" and six random
+// characters beside the destination. Without commit() the destination is left alone and nothing
+// else remains.
+class IncomingFile {
+  public:
+    IncomingFile() = default;
+    IncomingFile(const IncomingFile &) = delete;
+    IncomingFile &operator=(const IncomingFile &) = delete;
+    ~IncomingFile();
+
+    // Prepares to replace or create `destination`. A file that is replaced hands its permission
+    // bits on, a new one has 0600; a symbolic link is itself replaced. Returns 0 or an errno:
+    // EISDIR for a directory, EINVAL for anything else that is no file.
+    int open(const std::string &destination);
+
+    // Where to write the content.
+    int descriptor() const { return descriptor_; }
+
+    // Makes the content durable and moves it to the destination. Returns 0 or an errno.
+    int commit();
+
+  private:
+    int open_named();
+    int give_name();
+
+    std::string destination_;
+    std::string temporary_; // empty while the content has no name
+    mode_t mode_ = 0600;
+    int descriptor_ = -1;
+};
+
+} // namespace ruma
+
+#endif
