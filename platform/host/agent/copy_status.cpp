@@ -1,0 +1,127 @@
+#include "agent/copy_status.h"
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <dlfcn.h>
+
+namespace ruma {
+namespace {
+
+constexpr int32_t in_progress = 1;
+constexpr int32_t notify_wanted = 1;
+constexpr int32_t found = 0;
+constexpr oid snmp_trap_oid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
+
+// The payload of a status message.
+struct CopyStatus {
+    int32_t status;
+    int32_t index;
+    int32_t pid;
+};
+static_assert(sizeof(CopyStatus) == 12);
+
+CopyStatus payload_of(const pmb_message &message) {
+    CopyStatus status{};
+    std::memcpy(&status, message.payload, sizeof status);
+    return status;
+}
+
+bool read_row(const CopyModule &module, int32_t index, flashCopyEntry &row) {
+    row = {};
+    row.index = index;
+    return module.get_row != nullptr && module.get_row(&row) == found;
+}
+
+void send_notification(const CopyModule &module, int32_t status) {
+    if (module.build_notification == nullptr)
+        return;
+    const uint32_t payload = htonl(static_cast<uint32_t>(status));
+    const pmb_message message = pmb_make_message(copy_status_node, copy_status_sap,
+                                                 copy_status_opcode, &payload, sizeof payload);
+    oid id[MAX_OID_LEN] = {};
+    std::size_t id_length = 0;
+    int send = 0;
+    netsnmp_variable_list *bindings = module.build_notification(&message, id, &id_length, &send);
+    netsnmp_variable_list *list = nullptr;
+    if (send != 0 && bindings != nullptr && id_length > 0 && id_length <= MAX_OID_LEN &&
+        snmp_varlist_add_variable(&list, snmp_trap_oid, OID_LENGTH(snmp_trap_oid), ASN_OBJECT_ID,
+                                  id, id_length * sizeof(oid)) != nullptr) {
+        list->next_variable = bindings;
+        bindings = nullptr;
+        send_v2trap(list);
+    }
+    snmp_free_varbind(list);
+    snmp_free_varbind(bindings);
+}
+
+// The first registration that has an equal one after it.
+const snmp_gen_callback *first_duplicate() {
+    for (const auto *a = snmp_callback_list(copy_status_major, copy_status_minor); a != nullptr;
+         a = a->next) {
+        for (const auto *b = a->next; b != nullptr; b = b->next) {
+            if (a->sc_callback == b->sc_callback && a->sc_client_arg == b->sc_client_arg)
+                return a;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+CopyModule find_copy_module() {
+    CopyModule module{};
+    for (const auto *callback = snmp_callback_list(copy_status_major, copy_status_minor);
+         callback != nullptr && module.get_row == nullptr; callback = callback->next) {
+        Dl_info info{};
+        if (dladdr(reinterpret_cast<void *>(callback->sc_callback), &info) == 0)
+            continue;
+        void *handle = dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_NOW);
+        if (handle == nullptr)
+            continue;
+        module.get_row =
+            reinterpret_cast<decltype(module.get_row)>(dlsym(handle, "getFlashCopyEntry"));
+        module.build_notification = reinterpret_cast<decltype(module.build_notification)>(
+            dlsym(handle, "handle_notifications"));
+        // Only the reference that was just taken; the module stays loaded.
+        dlclose(handle);
+    }
+    return module;
+}
+
+bool is_copy_status(const pmb_message &message) {
+    if (message.opcode != copy_status_opcode || message.length != sizeof(CopyStatus))
+        return false;
+    const int32_t pid = payload_of(message).pid;
+    return pid > 0 && pid == message.sender_pid;
+}
+
+void remove_duplicate_callbacks() {
+    while (const snmp_gen_callback *duplicate = first_duplicate()) {
+        // Unregistering takes all equal ones, and this one with them.
+        const snmp_gen_callback kept = *duplicate;
+        if (snmp_unregister_callback(copy_status_major, copy_status_minor, kept.sc_callback,
+                                     kept.sc_client_arg, 1) == 0)
+            return;
+        netsnmp_register_callback(copy_status_major, copy_status_minor, kept.sc_callback,
+                                  kept.sc_client_arg, kept.priority);
+    }
+}
+
+bool deliver_copy_status(pmb_message &message, const CopyModule &module) {
+    remove_duplicate_callbacks();
+    if (snmp_callback_list(copy_status_major, copy_status_minor) == nullptr)
+        return false;
+    const int32_t index = payload_of(message).index;
+    flashCopyEntry row;
+    const bool running = read_row(module, index, row) && row.copyStatus == in_progress;
+    snmp_call_callbacks(copy_status_major, copy_status_minor, &message);
+    // A second message for a row, or one for a row that is gone, completes nothing.
+    if (running && read_row(module, index, row) && row.copyStatus != in_progress &&
+        row.notifyOnCompletion == notify_wanted)
+        send_notification(module, row.copyStatus);
+    return true;
+}
+
+} // namespace ruma

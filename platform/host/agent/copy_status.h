@@ -1,0 +1,50 @@
+// The end of a copy in the agent: the worker's status message is handed to the module, and the
+// station is notified.
+#ifndef RUMA_HOST_AGENT_COPY_STATUS_H
+#define RUMA_HOST_AGENT_COPY_STATUS_H
+
+#include "pmb/message.h"
+
+#include <flash_records.h>
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ruma {
+
+constexpr uint32_t copy_status_node = 0xfe000000;
+constexpr uint32_t copy_status_sap = 28;
+constexpr uint32_t copy_status_opcode = 7786;
+
+// The library callback that hands a status message to the module.
+constexpr int copy_status_major = SNMP_CALLBACK_LIBRARY;
+constexpr int copy_status_minor = 11;
+
+// What the notification needs of the module; either may be null.
+struct CopyModule {
+    int32_t (*get_row)(flashCopyEntry *row);
+    netsnmp_variable_list *(*build_notification)(const pmb_message *message, oid *id,
+                                                 std::size_t *id_length, int *send);
+};
+
+// Finds the module behind the registered callbacks.
+CopyModule find_copy_module();
+
+// Tells whether a received message is a status message of the process that it names.
+bool is_copy_status(const pmb_message &message);
+
+// Leaves one registration of each callback: a module that was loaded again has registered again.
+void remove_duplicate_callbacks();
+
+// Raises the callback with a status message, once for each receiver, and sends the notification
+// when the message has completed a row that asks for it. Returns false when nobody has registered.
+// May block as the module's callback does.
+bool deliver_copy_status(pmb_message &message, const CopyModule &module);
+
+} // namespace ruma
+
+#endif

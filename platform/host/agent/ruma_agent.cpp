@@ -1,0 +1,131 @@
+// The loadable module that makes the stock agent the device's agent: it receives the copy workers'
+// status messages and knows whose request is being served.
+//
+// Everything is set up once per process and stays. SIGHUP makes the agent unload and load its
+// modules, but this one is never unmapped, and callbacks, alarms and read descriptors outlive the
+// reload: a message that arrives meanwhile waits in the socket.
+#include "agent/copy_status.h"
+#include "agent/request.h"
+#include "pmb/receiver.h"
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/agent/agent_callbacks.h>
+
+#include <net-snmp/agent/agent_registry.h>
+
+#include <net-snmp/library/fd_event_manager.h>
+
+#include <cinttypes>
+#include <cstring>
+#include <exception>
+
+namespace {
+
+constexpr int max_messages_per_event = 16;
+constexpr unsigned int log_interval = 10; // seconds
+
+// Never destroyed: the agent's loop may still call while the process ends.
+ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
+uint64_t refused;  // messages from the right user that are no status message
+uint64_t unwanted; // status messages while no module was there to take them
+uint64_t logged;   // dropped messages that the log knows of
+bool log_alarm_pending;
+bool leave_alarm_pending;
+
+uint64_t dropped() { return receiver.counters().dropped() + refused + unwanted; }
+
+// Logs the drops that the log does not know of, at once for the first of a burst and then once per
+// interval until it is over.
+void log_drops(unsigned int, void *) {
+    log_alarm_pending = false;
+    if (dropped() == logged)
+        return;
+    logged = dropped();
+    const ruma::PmbCounters &counters = receiver.counters();
+    snmp_log(LOG_WARNING,
+             "ruma_agent: messages dropped so far: %" PRIu64 " of other users, %" PRIu64
+             " malformed, %" PRIu64 " too long, %" PRIu64 " not a copy status, %" PRIu64
+             " without a module\n",
+             counters.foreign, counters.malformed, counters.truncated, refused, unwanted);
+    log_alarm_pending = snmp_alarm_register(log_interval, 0, log_drops, nullptr) != 0;
+}
+
+void receive_messages(int, void *) {
+    ruma::leave_request();
+    pmb_message message;
+    for (int i = 0; i < max_messages_per_event && receiver.receive(message); ++i) {
+        if (!ruma::is_copy_status(message))
+            ++refused;
+        else if (!ruma::deliver_copy_status(message, ruma::find_copy_module()))
+            ++unwanted;
+    }
+    if (dropped() != logged && !log_alarm_pending)
+        log_drops(0, nullptr);
+}
+
+void request_over(unsigned int, void *) {
+    leave_alarm_pending = false;
+    ruma::leave_request();
+}
+
+// The agent announces the beginning of a request by its access check, but not the end. An alarm
+// that is due at once runs when the agent is back in its loop.
+int access_checked(int, int, void *parameters, void *) {
+    const auto *view = static_cast<const view_parameters *>(parameters);
+    if (view == nullptr || view->pdu == nullptr)
+        return 0;
+    ruma::enter_request(*view->pdu);
+    if (!leave_alarm_pending) {
+        const timeval at_once{0, 1};
+        leave_alarm_pending = snmp_alarm_register_hr(at_once, 0, request_over, nullptr) != 0;
+    }
+    return 0;
+}
+
+void register_access_checks() {
+    static bool registered;
+    if (registered)
+        return;
+    // The first is the check at the beginning of each request, the second that of each variable.
+    for (const int check : {SNMPD_CALLBACK_ACM_CHECK_INITIAL, SNMPD_CALLBACK_ACM_CHECK}) {
+        if (snmp_register_callback(SNMP_CALLBACK_APPLICATION, check, access_checked, nullptr) !=
+            SNMPERR_SUCCESS)
+            snmp_log(LOG_ERR, "ruma_agent: cannot watch the access checks\n");
+    }
+    registered = true;
+}
+
+void open_receiver() {
+    if (receiver.descriptor() >= 0)
+        return;
+    const int error = receiver.open(ruma::copy_status_node, ruma::copy_status_sap);
+    if (error != 0) {
+        snmp_log(LOG_ERR, "ruma_agent: cannot receive messages at %s: %s\n",
+                 ruma::pmb_socket_path(ruma::copy_status_node, ruma::copy_status_sap).c_str(),
+                 std::strerror(error));
+        return;
+    }
+    if (register_readfd(receiver.descriptor(), receive_messages, nullptr) != FD_REGISTERED_OK)
+        snmp_log(LOG_ERR, "ruma_agent: the agent does not watch the message socket\n");
+}
+
+} // namespace
+
+extern "C" {
+
+// Entry points of the agent's module loader.
+__attribute__((visibility("default"))) void init_ruma_agent();
+__attribute__((visibility("default"))) void deinit_ruma_agent();
+
+void init_ruma_agent() {
+    try {
+        register_access_checks();
+        open_receiver();
+    } catch (const std::exception &error) {
+        snmp_log(LOG_ERR, "ruma_agent: %s\n", error.what());
+    }
+}
+
+void deinit_ruma_agent() {}
+}
