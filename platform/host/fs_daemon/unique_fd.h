@@ -1,0 +1,35 @@
+// A file descriptor that closes itself.
+#ifndef RUMA_FS_DAEMON_UNIQUE_FD_H
+#define RUMA_FS_DAEMON_UNIQUE_FD_H
+
+#include <unistd.h>
+#include <utility>
+
+namespace ruma {
+
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~UniqueFd() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_ = -1;
+};
+
+} // namespace ruma
+
+#endif
