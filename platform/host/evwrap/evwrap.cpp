@@ -97,8 +97,6 @@ int evwrap_chk_int(int, int, int, int) {
 }
 
 void dbgout(int, const char *module, const char *format, va_list arguments) {
-    if (format == nullptr)
-        return;
     const KeepErrno keep;
     char message[4096]; // longer than anything that a name or a path can make of a message
     if (std::vsnprintf(message, sizeof(message), format, arguments) < 0)
