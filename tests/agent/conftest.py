@@ -1,0 +1,96 @@
+"""Hosts for the tests, and what must hold of a host after each of them."""
+
+import os
+
+import ber
+import pytest
+
+import harness
+from harness import DEVICE, SCALAR, SYS_UP_TIME, Host, live_children, wait_for
+
+
+def pytest_report_header():
+    return f"build: {harness.BUILD}"
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    report = outcome.get_result()
+    funcargs = getattr(item, "funcargs", {})
+    host = funcargs.get("host") or funcargs.get("shared_host")
+    if report.failed and host is not None and host.directory.exists():
+        report.sections.append(("agent and daemon", host.logs()))
+        try:
+            report.sections.append(("event history", "\n".join(host.trace()[-200:])))
+        except AssertionError as error:
+            report.sections.append(("event history", str(error)))
+
+
+def check_after(host, descriptors):
+    """The agent lives, has no live child, and holds nothing more open than before the test."""
+    assert host.agent.running(), "the agent has ended"
+    answer = host.sender.get(SYS_UP_TIME)
+    assert answer is not None and answer.error == ber.NO_ERROR, "the agent does not answer"
+    wait_for(lambda: not live_children(host.agent.pid), "the agent has no live child", timeout=3)
+    wait_for(
+        lambda: len(host.descriptors()) <= descriptors,
+        f"the agent holds {descriptors} descriptors again",
+        timeout=3,
+    )
+
+
+def prepare(host):
+    """Brings a host into the state that check_after compares with; returns its descriptors."""
+    # The first request of the inventory opens the connection to the daemon.
+    assert host.value(SCALAR) == 1
+    assert host.sender.get_next(DEVICE).error == ber.NO_ERROR
+    return len(host.descriptors())
+
+
+@pytest.fixture(name="host")
+def fixture_host():
+    """A running host of the test's own."""
+    host = Host()
+    try:
+        host.start()
+        descriptors = prepare(host)
+        yield host
+        check_after(host, descriptors)
+    finally:
+        host.close()
+
+
+@pytest.fixture(name="idle_host")
+def fixture_idle_host():
+    """A host whose agent and daemon the test starts itself."""
+    host = Host()
+    try:
+        yield host
+    finally:
+        host.close()
+
+
+@pytest.fixture(name="module_host", scope="module")
+def fixture_module_host():
+    host = Host()
+    try:
+        host.start()
+        yield host
+    finally:
+        host.close()
+
+
+@pytest.fixture(name="shared_host")
+def fixture_shared_host(module_host):
+    """The running host that all tests of a module share."""
+    descriptors = prepare(module_host)
+    yield module_host
+    check_after(module_host, descriptors)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def fixture_build_is_there():
+    for path in ("lib/orvex_flash_mib.so", "lib/ruma_agent.so", "bin/fs_daemon", "bin/ruma-trace"):
+        assert (harness.BUILD / path).exists(), f"{harness.BUILD} lacks {path}: build it first"
+    assert os.geteuid() == 0, "these tests bind port 69 and mount file systems: run them as root"

@@ -1,0 +1,453 @@
+"""Copies by TFTP, end to end, and how they fail."""
+
+import contextlib
+import os
+import random
+import signal
+import socket
+import subprocess
+import time
+
+import ber
+import pytest
+
+from harness import (
+    ACTIVE,
+    ADDRESSES,
+    CREATE_AND_GO,
+    CREATE_AND_WAIT,
+    IN_PROGRESS,
+    NEW_ROW,
+    NOT_IN_SERVICE,
+    NOT_READY,
+    NOTIFICATION,
+    SUCCESS,
+    TRAP_PORT,
+    TRUE,
+    CopyColumn,
+    Host,
+    TrapReceiver,
+    copy_columns,
+    live_children,
+    sha256,
+    udp_port_taken,
+    wait_for,
+)
+from tftp_server import TftpServer
+
+INVALID_COMMAND, INVALID_PROTOCOL, INVALID_SOURCE, INVALID_DESTINATION = 3, 4, 5, 6
+BUSY, DEVICE_FULL, TRANSFER_ERROR = 8, 12, 14
+TO_FLASH, TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 1, 2, 3
+SNMP_TRAP_OID = "1.3.6.1.6.3.1.1.4.1.0"
+PROTOCOL_TIME_LIMIT = 20
+
+CONTENT = random.Random(1).randbytes(300_000)
+
+
+def write_random(path, size):
+    """A file of random bytes, written in pieces."""
+    with open("/dev/urandom", "rb") as source, open(path, "wb") as target:
+        while size > 0:
+            size -= target.write(source.read(min(size, 1 << 20)))
+
+
+@contextlib.contextmanager
+def held_server(address, hold_at=10, **files):
+    """A server that stops in the middle of every transfer."""
+    with TftpServer(address, files or {"image.bin": CONTENT}, hold_at=hold_at) as server:
+        yield server
+
+
+@pytest.fixture(name="slow_copy")
+def fixture_slow_copy(host):
+    """A copy in row 7 that stays in mid-transfer; its server."""
+    server = host.enter(held_server(host.address))
+    host.start_copy(7, source="image.bin", destination="bootflash:image.bin")
+    wait_for(server.held.is_set, "the transfer reaches its middle")
+    return server
+
+
+# --- The whole story
+
+
+def test_copy_as_a_station_sees_it(host):
+    server = host.enter(held_server(host.address))
+    row = {name: f"{getattr(CopyColumn, name)}.7" for name in vars(CopyColumn) if name.isupper()}
+
+    host.snmpset(row["ROW"], "i", CREATE_AND_WAIT)
+    assert host.value(row["STATUS"]) == NEW_ROW
+    assert host.value(row["ROW"]) == NOT_READY
+    host.snmpset(row["PROTOCOL"], "i", 1, row["SERVER"], "a", host.address)
+    host.snmpset(row["SOURCE"], "s", "image.bin", row["DESTINATION"], "s", "bootflash:image.bin")
+    host.snmpset(row["ROW"], "i", ACTIVE)
+
+    wait_for(server.held.is_set, "the transfer reaches its middle")
+    assert host.value(row["STATUS"]) == IN_PROGRESS
+    assert host.value(row["ROW"]) == ACTIVE
+    assert host.value(row["TIME"]) == 0
+    assert not (host.flash() / "image.bin").exists()
+    server.release()
+
+    assert host.finish_copy(7) == SUCCESS
+    assert host.value(row["TIME"]) > 0
+    assert host.value(row["ROW"]) == ACTIVE
+    copied = host.flash() / "image.bin"
+    assert copied.read_bytes() == CONTENT
+    assert copied.stat().st_mode & 0o7777 == 0o666
+    assert len(host.completions()) == 1
+
+
+def test_large_copy_is_complete(host):
+    host.start_atftpd()
+    source = host.server_dir / "image.bin"
+    write_random(source, 64 << 20)
+    host.start_copy(7, source="image.bin", destination="bootflash:image.bin")
+    assert host.finish_copy(7, timeout=60) == SUCCESS
+    copied = host.flash() / "image.bin"
+    assert sha256(copied) == sha256(source)
+    assert copied.stat().st_mode & 0o7777 == 0o666
+    assert host.value(f"{CopyColumn.TIME}.7") > 0
+
+
+SIZES = [0, 1, 511, 512, 513, 1467, 1468, 1469, 1 << 20, 16 << 20]
+
+
+def test_get_of_every_size_is_complete(host):
+    host.start_atftpd()
+    for row, size in enumerate(SIZES, start=1):
+        source = host.server_dir / f"file{size}"
+        write_random(source, size)
+        status = host.copy(row, source=source.name, destination=f"slot0:{source.name}")
+        assert status == SUCCESS, f"{size} bytes: copy status {status}"
+        assert sha256(host.flash("slot0") / source.name) == sha256(source), f"{size} bytes"
+
+
+def test_put_of_every_size_is_complete(host):
+    host.start_atftpd()
+    for row, size in enumerate(SIZES, start=1):
+        source = host.flash("slot0") / f"file{size}"
+        write_random(source, size)
+        status = host.copy(
+            row, command=FROM_FLASH, source=f"slot0:{source.name}", destination=f"sent{size}"
+        )
+        assert status == SUCCESS, f"{size} bytes: copy status {status}"
+        assert sha256(host.server_dir / f"sent{size}") == sha256(source), f"{size} bytes"
+        assert not (host.work_dir / f"sent{size}").exists(), "the staged copy was left"
+
+
+def test_put_without_destination_name_keeps_the_name_of_the_file(host):
+    host.start_atftpd()
+    (host.flash() / "running.cfg").write_bytes(CONTENT)
+    status = host.copy(
+        3, command=FROM_FLASH, source="bootflash:running.cfg", destination=None
+    )
+    assert status == SUCCESS
+    assert (host.server_dir / "running.cfg").read_bytes() == CONTENT
+    assert not (host.work_dir / "running.cfg").exists()
+
+
+def test_existing_file_is_replaced(host):
+    host.start_atftpd()
+    (host.server_dir / "new").write_bytes(CONTENT)
+    (host.flash() / "old").write_bytes(b"old" * 1_000_000)
+    assert host.copy(1, source="new", destination="bootflash:old") == SUCCESS
+    assert (host.flash() / "old").read_bytes() == CONTENT
+
+
+def test_create_and_go_starts_a_copy_at_once(host):
+    host.start_atftpd()
+    (host.server_dir / "image.bin").write_bytes(CONTENT)
+    columns = copy_columns(
+        9, server=host.address, source="image.bin", destination="bootflash:image.bin"
+    )
+    row_status = (f"{CopyColumn.ROW}.9", ber.integer(CREATE_AND_GO))
+    assert host.set(row_status, *columns) == ber.NO_ERROR
+    assert host.finish_copy(9) == SUCCESS
+    assert (host.flash() / "image.bin").read_bytes() == CONTENT
+
+
+# --- Failures
+
+
+def test_missing_file_is_an_invalid_source_name(host):
+    host.start_atftpd()
+    (host.flash() / "kept").write_bytes(b"kept")
+    assert host.copy(1, source="missing", destination="bootflash:kept") == INVALID_SOURCE
+    assert (host.flash() / "kept").read_bytes() == b"kept"
+
+
+def test_server_that_never_answers_is_a_transfer_error_within_the_time_limit():
+    """Both time limits run at the same time, on two hosts."""
+    silent, closed = Host(), Host()
+    with contextlib.closing(silent), contextlib.closing(closed):
+        mute = silent.enter(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        mute.bind((silent.address, 69))
+        for host in (silent, closed):
+            host.start()
+            assert not udp_port_taken(closed.address, 69)
+            host.start_copy(1, source="image.bin", destination="bootflash:image.bin")
+        began = time.monotonic()
+        for host in (silent, closed):
+            assert host.finish_copy(1, timeout=PROTOCOL_TIME_LIMIT + 3) == TRANSFER_ERROR
+        assert time.monotonic() - began <= PROTOCOL_TIME_LIMIT + 3
+        for host in (silent, closed):
+            assert list(host.flash().iterdir()) == []
+            assert host.sender.get(CopyColumn.STATUS + ".1").error == ber.NO_ERROR
+
+
+def test_server_that_stalls_is_a_transfer_error_within_the_time_limit(host):
+    host.enter(held_server(host.address))
+    host.start_copy(1, source="image.bin", destination="bootflash:image.bin")
+    assert host.finish_copy(1, timeout=PROTOCOL_TIME_LIMIT + 5) == TRANSFER_ERROR
+    assert host.value(f"{CopyColumn.TIME}.1") >= PROTOCOL_TIME_LIMIT * 100 - 100
+    assert list(host.flash().iterdir()) == []
+
+
+@pytest.mark.parametrize("code, status", [(0, TRANSFER_ERROR), (1, INVALID_SOURCE),
+                                          (2, TRANSFER_ERROR), (3, DEVICE_FULL),
+                                          (6, TRANSFER_ERROR)])
+def test_error_of_the_server_in_mid_transfer_ends_the_copy(host, code, status):
+    host.enter(TftpServer(host.address, {"image.bin": CONTENT}, error_at=(5, code)))
+    (host.flash() / "image.bin").write_bytes(b"old")
+    assert host.copy(1, source="image.bin", destination="bootflash:image.bin") == status
+    assert (host.flash() / "image.bin").read_bytes() == b"old"
+
+
+def test_refused_put_is_a_transfer_error_and_leaves_the_staged_file(host):
+    host.enter(TftpServer(host.address, error_at=(1, 2)))
+    (host.flash() / "log").write_bytes(CONTENT)
+    status = host.copy(1, command=FROM_FLASH, source="bootflash:log", destination="sent")
+    assert status == TRANSFER_ERROR
+    assert (host.work_dir / "sent").read_bytes() == CONTENT
+
+
+def test_missing_local_file_is_a_transfer_error(host):
+    status = host.copy(1, command=FROM_FLASH, source="bootflash:missing", destination="sent")
+    assert status == TRANSFER_ERROR
+
+
+@contextlib.contextmanager
+def small_file_system(directory, size):
+    subprocess.run(
+        ["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(directory)], check=True
+    )
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", str(directory)], check=True)
+
+
+def test_full_disk_on_receipt_is_device_full(idle_host):
+    host = idle_host
+    with small_file_system(host.flash(), "128k"):
+        (host.flash() / "kept").write_bytes(b"kept")
+        host.start()
+        host.start_atftpd()
+        (host.server_dir / "image.bin").write_bytes(CONTENT)
+        status = host.copy(1, source="image.bin", destination="bootflash:image.bin")
+        left = [path.name for path in host.flash().iterdir()]
+        host.stop()
+    assert status == DEVICE_FULL
+    assert left == ["kept"]
+
+
+def test_full_disk_while_staging_is_a_transfer_error(idle_host):
+    host = idle_host
+    with small_file_system(host.work_dir, "128k"):
+        host.start()
+        host.start_atftpd()
+        (host.flash() / "big").write_bytes(CONTENT)
+        status = host.copy(1, command=FROM_FLASH, source="bootflash:big", destination="sent")
+        left = [path.name for path in host.work_dir.iterdir()]
+        host.stop()
+    assert status == TRANSFER_ERROR
+    assert left == ["sent"]
+
+
+# --- Refusals
+
+
+REFUSALS = {
+    "rcp is answered as a finished line-card copy": (dict(protocol=2), ber.NO_ERROR, SUCCESS),
+    "copy without erase": (
+        dict(command=TO_FLASH_WITHOUT_ERASE), ber.WRONG_VALUE, INVALID_COMMAND,
+    ),
+    "copy from the flash log": (dict(command=4), ber.WRONG_VALUE, INVALID_COMMAND),
+    "no server address": (dict(server="0.0.0.0"), ber.INCONSISTENT_VALUE, INVALID_PROTOCOL),
+    "no source name": (dict(source=None), ber.INCONSISTENT_VALUE, INVALID_PROTOCOL),
+    "directory as destination": (
+        dict(destination="bootflash:"), ber.GEN_ERR, INVALID_DESTINATION,
+    ),
+    "subdirectory as destination": (
+        dict(destination="bootflash:directory"), ber.GEN_ERR, INVALID_DESTINATION,
+    ),
+    "unknown scheme of the destination": (
+        dict(destination="floppy:image.bin"), ber.GEN_ERR, INVALID_DESTINATION,
+    ),
+    "destination outside the file system": (
+        dict(destination="bootflash:../escaped"), ber.GEN_ERR, INVALID_DESTINATION,
+    ),
+    "unknown scheme of the source": (
+        dict(command=FROM_FLASH, source="floppy:image.bin"), ber.GEN_ERR, INVALID_SOURCE,
+    ),
+    "source outside the file system": (
+        dict(command=FROM_FLASH, source="bootflash:../platform.toml"), ber.GEN_ERR,
+        INVALID_SOURCE,
+    ),
+}
+
+
+@pytest.mark.parametrize("name", REFUSALS)
+def test_refused_copy_says_why_and_starts_nothing(shared_host, name):
+    columns, error, status = REFUSALS[name]
+    (shared_host.flash() / "directory").mkdir(exist_ok=True)
+    defaults = dict(
+        server=shared_host.address, source="image.bin", destination="bootflash:image.bin"
+    )
+    row = list(REFUSALS).index(name) + 1
+    created = shared_host.set((f"{CopyColumn.ROW}.{row}", ber.integer(CREATE_AND_WAIT)))
+    assert created == ber.NO_ERROR
+    columns = copy_columns(row, **(defaults | columns))
+    assert shared_host.set(*columns) == ber.NO_ERROR
+    assert shared_host.activate(row) == error
+    assert shared_host.copy_status(row) == status
+    assert live_children(shared_host.agent.pid) == []
+
+
+# --- One copy at a time
+
+
+def test_active_while_another_copy_runs_is_a_general_error(host, slow_copy):
+    host.create_copy(8, source="image.bin", destination="bootflash:other.bin")
+    before = live_children(host.agent.pid)
+    assert host.activate(8) == ber.GEN_ERR
+    assert live_children(host.agent.pid) == before
+    assert host.copy_status(8) == NEW_ROW
+    slow_copy.release()
+    assert host.finish_copy(7) == SUCCESS
+
+
+def test_create_and_go_runs_beside_another_copy(host, slow_copy):
+    second = ADDRESSES.take()
+    host.enter(TftpServer(second, {"image.bin": CONTENT}))
+    columns = copy_columns(8, server=second, source="image.bin", destination="slot0:other.bin")
+    status = (f"{CopyColumn.ROW}.8", ber.integer(CREATE_AND_GO))
+    assert host.set(status, *columns) == ber.NO_ERROR
+    assert host.finish_copy(8) == SUCCESS
+    assert host.copy_status(7) == IN_PROGRESS
+    slow_copy.release()
+    assert host.finish_copy(7) == SUCCESS
+    assert (host.flash() / "image.bin").read_bytes() == CONTENT
+    assert (host.flash("slot0") / "other.bin").read_bytes() == CONTENT
+    assert len(host.completions()) == 2
+
+
+def test_agent_answers_while_a_copy_runs(host, slow_copy):
+    began = time.monotonic()
+    for _ in range(50):
+        assert host.copy_status(7) == IN_PROGRESS
+    assert time.monotonic() - began < 2
+    slow_copy.release()
+    assert host.finish_copy(7) == SUCCESS
+
+
+def test_repeated_create_and_go_datagram_starts_one_copy(host):
+    server = host.enter(held_server(host.address))
+    columns = copy_columns(
+        5, server=host.address, source="image.bin", destination="bootflash:image.bin"
+    )
+    pairs = [(f"{CopyColumn.ROW}.5", ber.integer(CREATE_AND_GO)), *columns]
+    packet = ber.message(ber.SET, [ber.binding(*pair) for pair in pairs])
+    host.sender.send(packet)
+    host.sender.send(packet)
+    answers = [host.sender.receive().error, host.sender.receive().error]
+    assert answers == [ber.NO_ERROR, ber.INCONSISTENT_VALUE]
+    wait_for(server.held.is_set, "the transfer reaches its middle")
+    assert len(live_children(host.agent.pid)) == 1
+    server.release()
+    assert host.finish_copy(5) == SUCCESS
+    assert len(server.requests) == 1
+
+
+# --- The completion notification
+
+
+@pytest.fixture(name="station")
+def fixture_station(idle_host):
+    """A host that sends its notifications to a receiver; that receiver."""
+    receiver = idle_host.enter(TrapReceiver(idle_host.address))
+    idle_host.agent_directives = [f"trap2sink {idle_host.address}:{TRAP_PORT} test"]
+    idle_host.start()
+    idle_host.start_atftpd()
+    (idle_host.server_dir / "image.bin").write_bytes(CONTENT)
+    # The agent announces its start.
+    assert receiver.receive() is not None
+    return receiver
+
+
+def test_finished_copy_is_notified_when_the_row_asks_for_it(idle_host, station):
+    columns = dict(source="image.bin", destination="bootflash:image.bin")
+    assert idle_host.copy(7, notify=TRUE, **columns) == SUCCESS
+    _uptime, identity, status = station.receive()
+    assert (identity.name, "." + identity.value) == (SNMP_TRAP_OID, NOTIFICATION)
+    # The binding names the column, without an instance.
+    assert ("." + status.name, status.tag, status.value) == (CopyColumn.STATUS, ber.INTEGER, 2)
+
+
+def test_failed_copy_is_notified_with_its_status(idle_host, station):
+    columns = dict(source="missing", destination="bootflash:image.bin")
+    assert idle_host.copy(7, notify=TRUE, **columns) == INVALID_SOURCE
+    assert station.receive()[-1].value == INVALID_SOURCE
+
+
+def test_copy_is_not_notified_unless_the_row_asks_for_it(idle_host, station):
+    columns = dict(source="image.bin", destination="bootflash:image.bin")
+    assert idle_host.copy(7, **columns) == SUCCESS
+    # The next notification to arrive is that of the next copy.
+    columns["source"] = "missing"
+    assert idle_host.copy(8, notify=TRUE, **columns) == INVALID_SOURCE
+    assert station.receive()[-1].value == INVALID_SOURCE
+    assert station.receive(timeout=0.2) is None
+
+
+# --- Abort
+
+
+@pytest.mark.parametrize("how", ["destroy", "notInService"])
+def test_abort_ends_every_process_of_the_transfer(host, slow_copy, how):
+    workers = host.strays()
+    assert workers
+    if how == "destroy":
+        assert host.destroy(7) == ber.NO_ERROR
+        assert host.copy_status(7) is None
+    else:
+        assert host.set((f"{CopyColumn.ROW}.7", ber.integer(NOT_IN_SERVICE))) == ber.NO_ERROR
+        assert host.value(f"{CopyColumn.ROW}.7") == NOT_IN_SERVICE
+    wait_for(lambda: not host.strays(), "no process of the transfer is left", timeout=2)
+    assert list(host.flash().iterdir()) == []
+    assert not slow_copy.requests[1:]
+
+
+def test_killed_worker_leaves_the_row_in_progress_until_it_is_destroyed(host, slow_copy):
+    [worker] = live_children(host.agent.pid)
+    os.kill(worker, signal.SIGKILL)
+    wait_for(lambda: not live_children(host.agent.pid), "the worker has ended")
+    assert host.copy_status(7) == IN_PROGRESS
+
+    host.create_copy(8, source="image.bin", destination="bootflash:image.bin")
+    assert host.activate(8) == ber.GEN_ERR, "a row in progress holds up other copies"
+    assert host.destroy(7) == ber.NO_ERROR
+    slow_copy.release()
+    assert host.activate(8) == ber.NO_ERROR
+    assert host.finish_copy(8) == SUCCESS
+    assert (host.flash() / "image.bin").read_bytes() == CONTENT
+
+
+def test_worker_holds_no_socket_of_the_agent(host, slow_copy):
+    [worker] = live_children(host.agent.pid)
+    sockets = {name for name in host.descriptors() if name.startswith("socket:")}
+    directory = f"/proc/{worker}/fd"
+    held = {os.readlink(f"{directory}/{number}") for number in os.listdir(directory)}
+    assert not held & sockets
+    slow_copy.release()
+    assert host.finish_copy(7) == SUCCESS
