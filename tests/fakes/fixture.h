@@ -158,15 +158,15 @@ struct Answer {
 
 constexpr size_t untouched_length = 9999;
 
-// Asks the handler of an object, presented as the agent does, for `name`. `magic` in the presented
-// row can be replaced to ask for one that a handler does not serve. The write method is cleared
-// beforehand, as the agent does, or starts as `write_method`.
+// Asks the handler of an object, presented as the agent does, for `name`. `replaced` stands in for
+// the magic, to ask for one that the handler does not serve. The write method is null beforehand,
+// as the agent leaves it, or `write_method`.
 inline Answer ask(int magic, const Oid &name, bool exact, std::optional<u_char> replaced = {},
                   WriteMethod *write_method = nullptr) {
     const variable7 &row = object(magic);
     variable presented{};
     presented.magic = replaced.value_or(row.magic);
-    presented.type = row.type;
+    presented.type = static_cast<char>(row.type); // a plain char there, unsigned here
     presented.acl = row.acl;
     presented.findVar = row.findVar;
     const Oid column = instance_of(magic);

@@ -29,7 +29,6 @@ struct CopyTable {
     static constexpr auto set = setFlashCopyEntry;
     static constexpr auto remove = deleteFlashCopyEntry;
     static constexpr auto compare = flashCopyEntry_comp_func;
-    static constexpr auto set_methods = set_flashCopyTable_setmethods;
     static constexpr auto with_status = get_flash_entry_with_status;
     static constexpr auto in_progress = flashcopy_inprogress;
     static constexpr auto status = &flashCopyEntry::copyStatus;
@@ -52,7 +51,6 @@ struct MiscOpTable {
     static constexpr auto set = setFlashMiscOpEntry;
     static constexpr auto remove = deleteFlashMiscOpEntry;
     static constexpr auto compare = flashMiscOpEntry_comp_func;
-    static constexpr auto set_methods = set_flashMiscOpTable_setmethods;
     static constexpr auto with_status = get_flashMiscOp_entry_with_status;
     static constexpr auto in_progress = flashdelete_inprogress;
     static constexpr auto status = &flashMiscOpEntry::operationStatus;
