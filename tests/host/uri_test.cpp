@@ -32,7 +32,7 @@ class Tree : public testing::Environment {
         root = std::make_unique<TemporaryDirectory>();
         fs::create_directory(*root / "real-slot");
         fs::create_directory_symlink("real-slot", *root / "slot");
-        const auto table = [this](const char *scheme, const char *name) {
+        const auto table = [](const char *scheme, const char *name) {
             return std::string("[[file_system]]\nscheme = \"") + scheme + "\"\ndirectory = \"" +
                    *root / name + "\"\n";
         };

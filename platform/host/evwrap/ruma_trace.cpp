@@ -2,6 +2,7 @@
 #include "config/config.h"
 #include "evwrap/history.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <exception>
 #include <map>
 #include <string>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -112,9 +114,7 @@ void set_filter(const Options &options) {
     }
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
     CLI::App app("Shows the event history of the platform, oldest record first: time, process, "
                  "trace id, level, text. RUMA_RUN_DIR names another run directory.");
     Options options;
@@ -130,22 +130,28 @@ int main(int argc, char **argv) {
     app.require_subcommand(0, 1);
     CLI11_PARSE(app, argc, argv);
 
+    if (*debug)
+        set_debug(options);
+    else if (*filter)
+        set_filter(options);
+    else if (*clear)
+        open(EventHistory::Access::control).clear();
+    else
+        show_history(options);
+    if (std::fflush(stdout) != 0)
+        throw std::system_error(errno, std::generic_category(), "standard output");
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
     try {
-        if (*debug)
-            set_debug(options);
-        else if (*filter)
-            set_filter(options);
-        else if (*clear)
-            open(EventHistory::Access::control).clear();
-        else
-            show_history(options);
+        return run(argc, argv);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "ruma-trace: %s\n", error.what());
-        return EXIT_FAILURE;
+    } catch (...) {
+        std::fputs("ruma-trace: unknown error\n", stderr);
     }
-    if (std::fflush(stdout) != 0) {
-        std::perror("ruma-trace");
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    return EXIT_FAILURE;
 }
