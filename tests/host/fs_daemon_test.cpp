@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <pwd.h>
+#include <random>
 #include <sched.h>
 #include <set>
 #include <sstream>
@@ -186,7 +187,7 @@ class FsDaemon : public testing::Test {
     }
 
     void TearDown() override {
-        stop(SIGKILL);
+        EXPECT_EQ(stop(), 0) << errors();
         fs::remove_all(base);
     }
 
@@ -465,6 +466,35 @@ TEST_F(FsDaemon, ARenamedFileKeepsItsIndex) {
     EXPECT_EQ(walk().at("1:b"), index);
 }
 
+TEST_F(FsDaemon, AFileRenamedTwiceBeforeTheDaemonLooksKeepsItsIndex) {
+    fs::create_directory(first / "d");
+    write_file(first / "a");
+    write_file(first / "d/f");
+    start();
+    const auto before = walk();
+    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    fs::rename(first / "a", first / "b");
+    fs::rename(first / "b", first / "d/c");
+    fs::rename(first / "d", first / "e");
+    fs::rename(first / "e", first / "g");
+    ASSERT_EQ(kill(daemon, SIGCONT), 0);
+    ASSERT_TRUE(eventually([&] { return lists({"1:g/c", "1:g/f"}); }));
+    EXPECT_EQ(walk().at("1:g/c"), before.at("1:a"));
+    EXPECT_EQ(walk().at("1:g/f"), before.at("1:d/f"));
+}
+
+TEST_F(FsDaemon, ANewFileWithTheNameOfOneMovedAwayHasAnIndexOfItsOwnThatStays) {
+    write_file(first / "a");
+    start();
+    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    fs::rename(first / "a", base / "away");
+    write_file(first / "a");
+    ASSERT_EQ(kill(daemon, SIGCONT), 0);
+    ASSERT_TRUE(eventually([&] { return walk() == std::map<std::string, uint32_t>{{"1:a", 2}}; }));
+    ASSERT_TRUE(eventually([&] { return partition(1)->files == 1; }));
+    EXPECT_EQ(walk().at("1:a"), 2U);
+}
+
 TEST_F(FsDaemon, FilesOfARenamedDirectoryKeepTheirIndexesAndAreStillWatched) {
     fs::create_directories(first / "old/deep");
     write_file(first / "old/deep/f");
@@ -540,6 +570,52 @@ TEST_F(FsDaemon, ALinkPutInPlaceOfADirectoryIsNotFollowed) {
     fs::create_directory_symlink(base / "outside", first / "sub");
     EXPECT_FALSE(Client(socket_path()).file(CMI_EXACT, 1, 1, 1));
     EXPECT_TRUE(walk().empty());
+}
+
+TEST_F(FsDaemon, AfterAnySequenceOfChangesTheListIsTheTree) {
+    start();
+    std::mt19937 random(20240229);
+    const auto pick = [&](uint32_t count) { return static_cast<uint32_t>(random() % count); };
+    // A name at a random depth; what lies there, and whether its parent exists, is left to chance.
+    const auto any = [&] {
+        fs::path path = first;
+        for (uint32_t depth = pick(3); depth > 0; --depth) {
+            path /= numbered("d", pick(3));
+        }
+        return path / (pick(2) == 0 ? numbered("d", pick(3)) : numbered("f", pick(4)));
+    };
+    for (int round = 0; round < 20; ++round) {
+        for (int change = 0; change < 100; ++change) {
+            const fs::path path = any();
+            std::error_code ignored; // many of the changes are impossible
+            switch (pick(5)) {
+            case 0:
+                fs::create_directory(path, ignored);
+                break;
+            case 1:
+                fs::remove_all(path, ignored);
+                break;
+            case 2:
+            case 3:
+                fs::rename(path, any(), ignored);
+                break;
+            default:
+                write_file(path);
+            }
+        }
+        std::set<std::string> expected;
+        for (const auto &entry : fs::recursive_directory_iterator(first)) {
+            if (entry.is_regular_file()) {
+                expected.insert("1:" + entry.path().lexically_relative(first).string());
+            }
+        }
+        ASSERT_TRUE(eventually([&] { return lists(expected); })) << round;
+        const auto before = walk();
+        ASSERT_TRUE(eventually([&] {
+            return partition(1)->files == static_cast<int32_t>(expected.size());
+        })) << round;
+        EXPECT_EQ(walk(), before);
+    }
 }
 
 TEST_F(FsDaemon, AfterMoreChangesThanTheKernelRecordsTheListIsRightAndOldIndexesStay) {
@@ -641,7 +717,7 @@ class FsDaemonMounts : public FsDaemon {
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     }
     void TearDown() override {
-        stop(SIGKILL);
+        EXPECT_EQ(stop(), 0) << errors();
         umount(first.c_str());
         FsDaemon::TearDown();
     }

@@ -23,13 +23,16 @@ Catalogue::~Catalogue() {
     for (Device &device : devices_) {
         device.removed = nullptr;
         destroy(std::move(device.root));
+        destroy(std::move(device.limbo));
     }
 }
 
 uint32_t Catalogue::add_device(std::function<void(Directory &)> removed) {
     Device device;
-    device.root = std::make_unique<Directory>();
-    device.root->device = devices() + 1;
+    for (auto *top : {&device.root, &device.limbo}) {
+        *top = std::make_unique<Directory>();
+        (*top)->device = devices() + 1;
+    }
     device.removed = std::move(removed);
     devices_.push_back(std::move(device));
     return devices();
@@ -107,8 +110,8 @@ void Catalogue::remove_directory(Directory &directory, std::string_view name) {
     destroy(std::move(removed));
 }
 
-// Works through a list instead of calling itself: the depth of a tree is the users' choice. The list
-// ends last, so that each directory can still tell its path when its turn comes.
+// Works through a list instead of calling itself: the depth of a tree is the users' choice. The
+// list ends last, so that each directory can still tell its path when its turn comes.
 void Catalogue::destroy(std::unique_ptr<Directory> directory) {
     std::vector<std::unique_ptr<Directory>> all;
     all.push_back(std::move(directory));
@@ -167,6 +170,14 @@ bool Catalogue::move_directory(Directory &from, std::string_view name, Directory
     node.mapped()->name = target;
     to.directories.insert(std::move(node));
     return true;
+}
+
+const Directory &top_of(const Directory &directory) {
+    const Directory *top = &directory;
+    while (top->parent != nullptr) {
+        top = top->parent;
+    }
+    return *top;
 }
 
 std::string path_of(const Directory &directory) {

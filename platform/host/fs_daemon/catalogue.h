@@ -37,8 +37,8 @@ struct Directory {
     using Children = std::map<std::string, std::unique_ptr<Directory>, std::less<>>;
 
     uint32_t device = 0;
-    Directory *parent = nullptr; // null for the root of a device
-    std::string name;            // empty for the root
+    Directory *parent = nullptr; // null for the root of a device and its limbo
+    std::string name;            // empty for those two
     Children directories;
     FileMap files;
 
@@ -78,6 +78,9 @@ class Catalogue {
 
     // An unavailable device keeps its files and their indexes, but look-ups pass them over.
     void set_available(uint32_t device, bool available) { at(device).available = available; }
+    // Where files and directories wait that have left their place for another one that is not known
+    // yet. It belongs to no path.
+    Directory &limbo(uint32_t device) { return *at(device).limbo; }
     uint32_t files(uint32_t device) const;
 
     // The record with this key, or the first with a greater one; null without one. The result is
@@ -104,6 +107,7 @@ class Catalogue {
   private:
     struct Device {
         std::unique_ptr<Directory> root;
+        std::unique_ptr<Directory> limbo;
         std::function<void(Directory &)> removed;
         uint32_t last_index = 0;
         uint32_t files = 0;
@@ -120,6 +124,8 @@ class Catalogue {
     Index index_;
 };
 
+// The root or the limbo that a directory lies in.
+const Directory &top_of(const Directory &directory);
 // The path of a directory below the root of its device, without a slash at either end.
 std::string path_of(const Directory &directory);
 std::string path_of(const Directory &directory, std::string_view name);

@@ -95,6 +95,10 @@ UniqueFd Monitor::open_root() {
 // system mounted in it is entered. Sets errno on failure.
 UniqueFd Monitor::open_directory(const Directory &directory) {
     UniqueFd fd = open_root();
+    if (&top_of(directory) != &catalogue_.root(device_)) {
+        errno = ENOENT;
+        return {};
+    }
     if (!fd || directory.parent == nullptr) {
         return fd;
     }
@@ -189,7 +193,6 @@ void Monitor::forget(Directory &directory) {
     if (scan_ && scan_->directory == &directory) {
         scan_.reset();
     }
-    std::erase_if(moves_, [&](const Move &move) { return move.directory == &directory; });
 }
 
 // ---- Scanning
@@ -327,7 +330,7 @@ void Monitor::sweep_file() {
         return;
     }
     scan_->cursor = file->first;
-    if (file->second.seen != stamp_ && !moving(directory, scan_->cursor)) {
+    if (file->second.seen != stamp_) {
         catalogue_.remove_file(directory, scan_->cursor);
     }
 }
@@ -340,18 +343,16 @@ void Monitor::sweep_directory() {
         return;
     }
     scan_->cursor = child->first;
-    if (child->second->seen != stamp_ && !moving(directory, scan_->cursor)) {
+    if (child->second->seen != stamp_) {
         catalogue_.remove_directory(directory, scan_->cursor);
     }
 }
 
-// Enters what a name stands for at this moment; `fd` is the directory.
+// Enters what a name stands for at this moment; `fd` is the directory. A name that stands for
+// nothing is left alone: what has just gone may have moved, and the event that tells is on its way.
 void Monitor::meet(Directory &directory, const std::string &name, int fd) {
     struct stat status {};
     if (fstatat(fd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) {
-            drop(directory, name);
-        }
         return;
     }
     if (S_ISREG(status.st_mode)) {
@@ -411,16 +412,15 @@ void Monitor::handle(const inotify_event &event) {
     }
 
     const std::string name = event.name;
-    const bool is_directory = (event.mask & IN_ISDIR) != 0;
     if ((event.mask & (IN_MODIFY | IN_CLOSE_WRITE)) != 0) {
         const auto file = directory.files.find(name);
         if (file != directory.files.end()) {
             file->second.written = (event.mask & IN_MODIFY) != 0 ? now_seconds() : 0;
         }
     } else if ((event.mask & IN_MOVED_FROM) != 0) {
-        moves_.push_back({event.cookie, &directory, name, is_directory, Clock::now()});
+        moved_from(directory, name, std::to_string(event.cookie));
     } else if ((event.mask & IN_MOVED_TO) != 0) {
-        moved_to(event.wd, name, event.cookie);
+        moved_to(directory, name, std::to_string(event.cookie));
     } else {
         if ((event.mask & IN_DELETE) != 0) {
             drop(directory, name);
@@ -429,35 +429,24 @@ void Monitor::handle(const inotify_event &event) {
     }
 }
 
-void Monitor::moved_to(int wd, const std::string &name, uint32_t cookie) {
-    const auto found = std::find_if(moves_.begin(), moves_.end(),
-                                    [&](const Move &move) { return move.cookie == cookie; });
-    bool kept = false;
-    if (found != moves_.end()) {
-        const Move move = *found;
-        moves_.erase(found);
-        Directory &target = *watches_.at(wd);
-        kept = move.is_directory
-                   ? catalogue_.move_directory(*move.directory, move.name, target, name)
-                   : catalogue_.move_file(*move.directory, move.name, target, name);
-        // The old name may be in use again.
-        reconcile(*move.directory, move.name);
+void Monitor::moved_from(Directory &directory, const std::string &name, const std::string &cookie) {
+    Directory &limbo = catalogue_.limbo(device_);
+    if (catalogue_.move_file(directory, name, limbo, cookie) ||
+        catalogue_.move_directory(directory, name, limbo, cookie)) {
+        moves_.push_back({cookie, Clock::now()});
     }
-    // Where the catalogue lagged behind, the target directory may just have been removed from it.
-    const auto watched = watches_.find(wd);
-    if (watched == watches_.end()) {
-        return;
-    }
-    if (!kept) {
-        drop(*watched->second, name);
-    }
-    reconcile(*watched->second, name);
+    // The old name may be in use again.
+    reconcile(directory, name);
 }
 
-bool Monitor::moving(const Directory &directory, const std::string &name) const {
-    return std::any_of(moves_.begin(), moves_.end(), [&](const Move &move) {
-        return move.directory == &directory && move.name == name;
-    });
+void Monitor::moved_to(Directory &directory, const std::string &name, const std::string &cookie) {
+    Directory &limbo = catalogue_.limbo(device_);
+    if (!catalogue_.move_file(limbo, cookie, directory, name) &&
+        !catalogue_.move_directory(limbo, cookie, directory, name)) {
+        drop(directory, name);
+    }
+    std::erase_if(moves_, [&](const Move &move) { return move.cookie == cookie; });
+    reconcile(directory, name);
 }
 
 void Monitor::drop(Directory &directory, const std::string &name) {
@@ -465,8 +454,8 @@ void Monitor::drop(Directory &directory, const std::string &name) {
     catalogue_.remove_directory(directory, name);
 }
 
-// Makes the catalogue agree with the file system about one name, whatever the events said: they
-// describe what has been, perhaps several changes ago.
+// Makes the catalogue agree with the file system about one name, whatever the event said: it
+// describes what has been, perhaps several changes ago.
 void Monitor::reconcile(Directory &directory, const std::string &name) {
     const UniqueFd fd = open_directory(directory);
     if (fd) {
@@ -478,10 +467,8 @@ void Monitor::reconcile(Directory &directory, const std::string &name) {
 void Monitor::expire_moves() {
     const Clock::time_point limit = Clock::now() - move_patience;
     while (!moves_.empty() && moves_.front().when <= limit) {
-        const Move move = moves_.front();
+        drop(catalogue_.limbo(device_), moves_.front().cookie);
         moves_.erase(moves_.begin());
-        drop(*move.directory, move.name);
-        reconcile(*move.directory, move.name);
     }
 }
 

@@ -73,12 +73,10 @@ class Monitor {
         std::set<std::string> names;
         std::string cursor; // where the sweep stands
     };
-    // A name that was moved away; where to is told by a later event, or never.
+    // Something that was moved away and waits in the limbo, under the name of its cookie. Where to
+    // is told by a later event, or never.
     struct Move {
-        uint32_t cookie;
-        Directory *directory;
-        std::string name;
-        bool is_directory;
+        std::string cookie;
         Clock::time_point when;
     };
 
@@ -100,8 +98,8 @@ class Monitor {
     void sweep_directory();
 
     void handle(const inotify_event &event);
-    void moved_to(int wd, const std::string &name, uint32_t cookie);
-    bool moving(const Directory &directory, const std::string &name) const;
+    void moved_from(Directory &directory, const std::string &name, const std::string &cookie);
+    void moved_to(Directory &directory, const std::string &name, const std::string &cookie);
     void drop(Directory &directory, const std::string &name);
     void reconcile(Directory &directory, const std::string &name);
     void expire_moves();
