@@ -9,6 +9,9 @@ import harness
 from harness import DEVICE, SCALAR, SYS_UP_TIME, Host, live_children, wait_for
 
 
+HOSTS = ("host", "idle_host", "shared_host")
+
+
 def pytest_report_header():
     return f"build: {harness.BUILD}"
 
@@ -18,7 +21,7 @@ def pytest_runtest_makereport(item, call):
     outcome = yield
     report = outcome.get_result()
     funcargs = getattr(item, "funcargs", {})
-    host = funcargs.get("host") or funcargs.get("shared_host")
+    host = next((funcargs[name] for name in HOSTS if name in funcargs), None)
     if report.failed and host is not None and host.directory.exists():
         report.sections.append(("agent and daemon", host.logs()))
         try:

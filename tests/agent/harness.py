@@ -185,23 +185,24 @@ class Host:
         for scheme in SCHEMES:
             self.flash(scheme).mkdir()
         self.agent_directives = []
-        self.agent_options = []
+        self.agent_user = None  # root
         self.agent = None
         self.daemon = None
         self._others = contextlib.ExitStack()
         self.sender = ber.Sender(self.address, AGENT_PORT)
-        self._write_configuration()
 
     def flash(self, scheme="bootflash") -> Path:
         """The directory of a file system."""
         return self.directory / scheme
 
     def _write_configuration(self) -> None:
-        tables = (
+        tables = [
             f'[[file_system]]\nscheme = "{scheme}"\ndirectory = "{self.flash(scheme)}"\n'
             f'description = "Test {scheme}"\n'
             for scheme in SCHEMES
-        )
+        ]
+        if self.agent_user is not None:
+            tables.append(f'[agent]\nuser = "{self.agent_user}"\n')
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
 
     @property
@@ -233,7 +234,8 @@ class Host:
     # --- The agent and the daemon
 
     def write_agent_configuration(self, modules=True) -> None:
-        lines = [f"rwcommunity {COMMUNITY} 127.0.0.0/8", *self.agent_directives]
+        lines = [f"rwcommunity {COMMUNITY} 127.0.0.0/8", "dontLogTCPWrappersConnects yes"]
+        lines += self.agent_directives
         if modules:
             names = ("ruma_agent", "orvex_flash_mib")
             lines += [f"dlmod {name} {LIBRARIES / name}.so" for name in names]
@@ -245,10 +247,17 @@ class Host:
 
     def start_agent(self) -> None:
         """Starts the agent and waits until it and the module answer."""
+        self._write_configuration()
         self.write_agent_configuration()
         command = ["/usr/sbin/snmpd", "-f", "-C", "-c", self.agent_configuration]
-        command += ["-Lf", self.agent_log, "-p", self.directory / "snmpd.pid"]
-        command += [*self.agent_options, f"udp:{self.address}:{AGENT_PORT}"]
+        # SMUX would bind a port that all agents of a machine share.
+        command += ["-I", "-smux", "-Lf", self.agent_log, "-p", self.directory / "snmpd.pid"]
+        if self.agent_user is not None:
+            command += ["-u", self.agent_user]
+            # Opened again at a reload, by this user.
+            self.agent_log.touch()
+            shutil.chown(self.agent_log, self.agent_user)
+        command += [f"udp:{self.address}:{AGENT_PORT}"]
         self.agent = Process(
             command, self.directory / "snmpd.out", self.work_dir, self.environment
         )
@@ -260,6 +269,7 @@ class Host:
         return self.sender.get(SYS_UP_TIME, timeout=0.2) is not None
 
     def start_daemon(self) -> None:
+        self._write_configuration()
         log = self.directory / "fs_daemon.out"
         self.daemon = Process([PROGRAMS / "fs_daemon"], log, self.directory, self.environment)
         wait_for(self._daemon_listens, "the file-system daemon listens")
