@@ -1181,6 +1181,8 @@ struct Choice {
     const char *message;
 };
 
+void PrintTo(const Choice &choice, std::ostream *out) { *out << choice.column.name; }
+
 std::vector<Choice> choices() {
     return {{copy_notify(), {1, 2}, "write to orvexFlashCopyNotifyOnCompletion: bad value\n"},
             {misc_notify(), {1, 2}, "write to orvexFlashMiscOpNotifyOnCompletion: bad value\n"},
