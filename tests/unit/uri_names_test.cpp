@@ -1,0 +1,786 @@
+// File names: the splitter, the schemes of copies and deletes, path kinds, local paths.
+#include "fakes/fixture.h"
+
+#include "flash_trace.h"
+#include "flash_validate.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+
+namespace {
+
+using fakes::Lines;
+using fakes::platform;
+using fakes::Trace;
+using fakes::Traces;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr uint32_t error_level = flash::traceError;
+constexpr uint32_t debug_level = flash::traceDebug;
+constexpr int32_t destination = 1;
+constexpr int32_t source = 2;
+
+// Values that choose the source: every one but 1.
+constexpr int32_t source_sides[] = {2, 0, 3, -1, INT_MAX};
+
+// snmp_uri_map_str_split
+
+class SplitTest : public fakes::FlashTest {
+  protected:
+    // Splits a text; its tokens are read from the beginning of their slots.
+    int32_t split(const std::string &what, const char *delimiters = ":") {
+        text.assign(what.begin(), what.end());
+        text.push_back('\0');
+        std::memset(slots.data(), '#', sizeof slots);
+        return snmp_uri_map_str_split(text.data(), delimiters, slots.data());
+    }
+    // Beyond the end of its slot when a first token is that long.
+    std::string token(size_t slot) const {
+        return reinterpret_cast<const char *>(slots.data()) + slot * flashTokenSize;
+    }
+    bool untouched(size_t slot) const {
+        return std::all_of(std::begin(slots[slot]), std::end(slots[slot]),
+                           [](char c) { return c == '#'; });
+    }
+    std::vector<char> text;
+    std::array<flashToken, flashNameTokens> slots;
+};
+
+TEST_F(SplitTest, ASlotHas255Bytes) { EXPECT_EQ(sizeof(flashToken), 255U); }
+
+TEST_F(SplitTest, ThreePartsGiveThreeTokens) {
+    EXPECT_EQ(split("slot0:dir:file"), 3);
+    EXPECT_EQ(token(0), "slot0");
+    EXPECT_EQ(token(1), "dir");
+    EXPECT_EQ(token(2), "file");
+    EXPECT_TRUE(untouched(3));
+}
+
+TEST_F(SplitTest, ATextWithoutADelimiterIsOneToken) {
+    EXPECT_EQ(split("bootflash"), 1);
+    EXPECT_EQ(token(0), "bootflash");
+    EXPECT_TRUE(untouched(1));
+}
+
+TEST_F(SplitTest, NothingButDelimitersGivesNone) {
+    for (const char *what : {"", ":", ":::::"}) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(split(what), 0);
+        EXPECT_TRUE(untouched(0));
+    }
+}
+
+TEST_F(SplitTest, RunsOfDelimitersCountAsOneAndLeadingOnesAreSkipped) {
+    EXPECT_EQ(split("::a:::b::"), 2);
+    EXPECT_EQ(token(0), "a");
+    EXPECT_EQ(token(1), "b");
+}
+
+TEST_F(SplitTest, EveryCharacterOfTheDelimitersIsADelimiter) {
+    EXPECT_EQ(split("a:b/c", ":/"), 3);
+    EXPECT_EQ(token(2), "c");
+}
+
+TEST_F(SplitTest, TwoSlashesSplitAtEverySingleSlash) {
+    EXPECT_EQ(split("/a/b//c", "//"), 3);
+    EXPECT_EQ(token(0), "a");
+    EXPECT_EQ(token(1), "b");
+    EXPECT_EQ(token(2), "c");
+}
+
+TEST_F(SplitTest, TheDelimiterBehindEachTokenIsOverwritten) {
+    split("ab:cd::ef:");
+    EXPECT_EQ(std::string(text.begin(), text.end()), std::string("ab\0cd\0:ef\0\0", 11));
+}
+
+TEST_F(SplitTest, ATokenOf254CharactersIsStored) {
+    const std::string longest(254, 'x');
+    EXPECT_EQ(split("a:" + longest + ":b"), 3);
+    EXPECT_EQ(token(1), longest);
+    EXPECT_EQ(token(2), "b");
+}
+
+TEST_F(SplitTest, ALaterTokenOf255CharactersOrMoreIsDroppedAndLeavesNoGap) {
+    for (size_t length : {255U, 256U, 300U, 5000U}) {
+        SCOPED_TRACE(length);
+        EXPECT_EQ(split("a:" + std::string(length, 'x') + ":b:c"), 3);
+        EXPECT_EQ(token(0), "a");
+        EXPECT_EQ(token(1), "b");
+        EXPECT_EQ(token(2), "c");
+        EXPECT_TRUE(untouched(3));
+    }
+}
+
+TEST_F(SplitTest, ALongLastTokenIsDropped) {
+    EXPECT_EQ(split("a:" + std::string(300, 'x')), 1);
+    EXPECT_TRUE(untouched(1));
+}
+
+TEST_F(SplitTest, ALongFirstTokenIsStoredWhole) {
+    for (size_t length : {255U, 256U, 600U}) {
+        SCOPED_TRACE(length);
+        EXPECT_EQ(split(std::string(length, 'x')), 1);
+        EXPECT_EQ(token(0), std::string(length, 'x'));
+    }
+}
+
+TEST_F(SplitTest, TheTokenBehindALongFirstOneTakesTheSecondSlot) {
+    EXPECT_EQ(split(std::string(300, 'x') + ":b"), 2);
+    EXPECT_EQ(token(1), "b");
+    EXPECT_EQ(token(0), std::string(255, 'x') + "b");
+}
+
+TEST_F(SplitTest, TheLongestNameOfTheShortestTokensFillsItsSlots) {
+    std::string name = "a";
+    while (name.size() < 255)
+        name += ":a";
+    EXPECT_EQ(split(name), 128);
+    for (size_t slot = 0; slot < flashNameTokens; ++slot)
+        EXPECT_EQ(token(slot), "a") << slot;
+}
+
+TEST_F(SplitTest, IsTraced) {
+    split("a/b:c", "/:");
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "In snmp_uri_map_str_split: str is a/b:c and delimiters is "
+                                    "/:\n"},
+                      {debug_level, "was able to tokenize and found a COLON..\n"},
+                      {debug_level, "returning ctr = 3\n"}}));
+}
+
+TEST_F(SplitTest, ATextWithoutATokenIsTraced) {
+    split("::");
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "In snmp_uri_map_str_split: str is :: and delimiters is :\n"},
+                      {debug_level, "returning ctr = 0\n"}}));
+}
+
+TEST_F(SplitTest, ADroppedTokenIsNotCountedInTheTrace) {
+    split("a:" + std::string(300, 'x') + ":b");
+    EXPECT_EQ(fakes::traces().back(), (Trace{debug_level, "returning ctr = 2\n"}));
+}
+
+// Schemes
+
+struct SchemeName {
+    const char *name;
+    const char *scheme; // null when no scheme is found
+    bool of_a_delete;   // a delete accepts it too
+};
+const SchemeName scheme_names[] = {
+    {"bootflash:image.bin", "bootflash", true},
+    {"slot0:image.bin", "slot0", true},
+    {"logflash:image.bin", "logflash", true},
+    {"log:messages", "log", false},
+    {"log:anything", "log", false},
+    {"bootflash", "bootflash", true},
+    {"slot0:", "slot0", true},
+    {"log", "log", false},
+    {":bootflash:image.bin", "bootflash", true},
+    {"bootflash:a:b", "bootflash", true},
+    {"BOOTFLASH:image.bin", nullptr, false},
+    {"Slot0:image.bin", nullptr, false},
+    {"bootflashes:image.bin", nullptr, false},
+    {"bootflas:image.bin", nullptr, false},
+    {"slot01:x", nullptr, false},
+    {"slot:x", nullptr, false},
+    {"logs:x", nullptr, false},
+    {"lo:x", nullptr, false},
+    {"logflash1:x", nullptr, false},
+    {" bootflash:x", nullptr, false},
+    {"bootflash :x", nullptr, false},
+    {"bootflash/x", nullptr, false},
+    {"usb1:image.bin", nullptr, false},
+    {"ilc-nvram:x", nullptr, false},
+    {"standby-sup:x", nullptr, false},
+    {"image.bin", nullptr, false},
+};
+
+using CopySchemeTest = fakes::FlashTest;
+
+// A row with a name on one side, "unused" on the other.
+flashCopyEntry with_name(int32_t side, std::string_view name) {
+    return fakes::copy_row([&](flashCopyEntry &r) {
+        fakes::put(side == destination ? r.destinationName : r.sourceName, name);
+        fakes::put(side == destination ? r.sourceName : r.destinationName, "unused");
+        fakes::put(r.schemeName, "before");
+    });
+}
+std::string name_of(const flashCopyEntry &row, int32_t side) {
+    return side == destination ? row.destinationName : row.sourceName;
+}
+
+TEST_F(CopySchemeTest, TheFirstTokenMustBeExactlyAScheme) {
+    for (const SchemeName &sample : scheme_names)
+        for (int32_t side : {destination, source}) {
+            SCOPED_TRACE(sample.name);
+            flashCopyEntry row = with_name(side, sample.name);
+            EXPECT_EQ(parse_file_n_get_scheme(&row, side), sample.scheme != nullptr ? 1 : 0);
+            EXPECT_STREQ(row.schemeName, sample.scheme != nullptr ? sample.scheme : "before");
+        }
+}
+
+TEST_F(CopySchemeTest, EverySideButOneIsTheSource) {
+    for (int32_t side : source_sides) {
+        SCOPED_TRACE(side);
+        flashCopyEntry row = with_name(source, "slot0:x");
+        EXPECT_EQ(parse_file_n_get_scheme(&row, side), 1);
+        EXPECT_STREQ(row.schemeName, "slot0");
+    }
+}
+
+TEST_F(CopySchemeTest, TheNameIsNotCutUp) {
+    for (int32_t side : {destination, source}) {
+        flashCopyEntry row = with_name(side, "bootflash:a:b");
+        parse_file_n_get_scheme(&row, side);
+        EXPECT_EQ(name_of(row, side), "bootflash:a:b");
+    }
+}
+
+TEST_F(CopySchemeTest, ANameWithoutATokenIsRefused) {
+    for (const char *name : {"", ":", ":::"}) {
+        SCOPED_TRACE(name);
+        fakes::forget();
+        flashCopyEntry row = with_name(source, name);
+        EXPECT_EQ(parse_file_n_get_scheme(&row, source), 0);
+        EXPECT_EQ(fakes::traces().back(),
+                  (Trace{error_level,
+                         "ERROR  parse_file_n_get_scheme : The Filename does NOT contain :\n"}));
+        EXPECT_STREQ(row.schemeName, "before");
+    }
+}
+
+TEST_F(CopySchemeTest, ATokenThatIsNoSchemeIsTraced) {
+    flashCopyEntry row = with_name(source, "usb1:image.bin");
+    parse_file_n_get_scheme(&row, source);
+    EXPECT_EQ(
+        fakes::traces(),
+        (Traces{{debug_level, "In snmp_uri_map_str_split: str is usb1:image.bin and "
+                              "delimiters is :\n"},
+                {debug_level, "was able to tokenize and found a COLON..\n"},
+                {debug_level, "returning ctr = 2\n"},
+                {error_level, "ERROR  parse_file_n_get_scheme : NOT a valid scheme- usb1 :\n"}}));
+}
+
+TEST_F(CopySchemeTest, AWordThatIsNoSchemeIsTracedAsOne) {
+    flashCopyEntry row = with_name(source, "image.bin");
+    parse_file_n_get_scheme(&row, source);
+    EXPECT_EQ(fakes::trace_texts(error_level),
+              (Lines{"ERROR  parse_file_n_get_scheme : NOT a valid scheme- image.bin :\n"}));
+}
+
+TEST_F(CopySchemeTest, ASchemeIsTraced) {
+    flashCopyEntry row = with_name(destination, "logflash:x");
+    parse_file_n_get_scheme(&row, destination);
+    EXPECT_EQ(
+        fakes::traces(),
+        (Traces{{debug_level, "In snmp_uri_map_str_split: str is logflash:x and delimiters is :\n"},
+                {debug_level, "was able to tokenize and found a COLON..\n"},
+                {debug_level, "returning ctr = 2\n"},
+                {debug_level, "Found a valid scheme name.\n"},
+                {debug_level, "Trying to print scheme name.\n"},
+                {debug_level, "scheme name is logflash\n"}}));
+}
+
+TEST_F(CopySchemeTest, NamesOfTheLongestLengthAreHandled) {
+    std::string many = "bootflash";
+    while (many.size() + 2 <= 255)
+        many += ":a";
+    for (const std::string &name : {std::string(255, 'x'), std::string(255, ':'), many,
+                                    std::string("bootflash:").append(245, 'x')}) {
+        flashCopyEntry row = with_name(source, name);
+        EXPECT_EQ(parse_file_n_get_scheme(&row, source), name.starts_with("bootflash:") ? 1 : 0);
+        EXPECT_EQ(name_of(row, source), name);
+    }
+}
+
+using DeleteSchemeTest = fakes::FlashTest;
+
+flashMiscOpEntry with_delete_name(std::string_view name) {
+    return fakes::misc_row([&](flashMiscOpEntry &r) {
+        fakes::put(r.destinationName, name);
+        fakes::put(r.schemeName, "before");
+        fakes::put(r.intermediateName, "between");
+    });
+}
+
+TEST_F(DeleteSchemeTest, TheFirstTokenMustBeExactlyASchemeOtherThanTheLog) {
+    for (const SchemeName &sample : scheme_names) {
+        SCOPED_TRACE(sample.name);
+        flashMiscOpEntry row = with_delete_name(sample.name);
+        EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), sample.of_a_delete ? 1 : 0);
+        EXPECT_STREQ(row.schemeName, sample.of_a_delete ? sample.scheme : "before");
+        if (!sample.of_a_delete) {
+            EXPECT_STREQ(row.intermediateName, "between");
+        }
+    }
+}
+
+TEST_F(DeleteSchemeTest, TheSecondTokenIsStored) {
+    const std::pair<const char *, const char *> names[] = {{"bootflash:image.bin", "image.bin"},
+                                                           {"slot0:dir/file", "dir/file"},
+                                                           {"logflash:a:b", "a"},
+                                                           {"slot0::a", "a"},
+                                                           {"slot0:///a", "///a"}};
+    for (const auto &[name, rest] : names) {
+        SCOPED_TRACE(name);
+        flashMiscOpEntry row = with_delete_name(name);
+        EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 1);
+        EXPECT_STREQ(row.intermediateName, rest);
+    }
+}
+
+TEST_F(DeleteSchemeTest, ASchemeAloneHasAnEmptyRest) {
+    for (const char *name : {"bootflash", "bootflash:"}) {
+        flashMiscOpEntry row = with_delete_name(name);
+        EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 1);
+        EXPECT_STREQ(row.intermediateName, "");
+    }
+}
+
+TEST_F(DeleteSchemeTest, TheNameIsCutUp) {
+    flashMiscOpEntry row = with_delete_name("bootflash:a:b");
+    parse_MiscOpfile_n_get_scheme(&row);
+    EXPECT_EQ(std::string(row.destinationName, 13), std::string("bootflash\0a\0b", 13));
+}
+
+TEST_F(DeleteSchemeTest, ANameWithoutATokenIsRefused) {
+    for (const char *name : {"", ":", "::::"}) {
+        SCOPED_TRACE(name);
+        fakes::forget();
+        flashMiscOpEntry row = with_delete_name(name);
+        EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 0);
+        EXPECT_EQ(
+            fakes::traces().back(),
+            (Trace{error_level,
+                   "ERROR  parse_MiscOpfile_n_get_scheme : The Filename does NOT contain :\n"}));
+    }
+}
+
+TEST_F(DeleteSchemeTest, ATokenThatIsNoSchemeIsRefusedSilently) {
+    for (const char *name : {"log:messages", "usb1:image.bin"}) {
+        SCOPED_TRACE(name);
+        fakes::forget();
+        flashMiscOpEntry row = with_delete_name(name);
+        EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 0);
+        EXPECT_EQ(fakes::traces().back(), (Trace{debug_level, "returning ctr = 2\n"}));
+        EXPECT_EQ(fakes::traces().size(), 3U);
+    }
+}
+
+TEST_F(DeleteSchemeTest, ASchemeIsTracedWithTheRest) {
+    flashMiscOpEntry row = with_delete_name("slot0:dir/file");
+    parse_MiscOpfile_n_get_scheme(&row);
+    const Traces all = fakes::traces();
+    ASSERT_EQ(all.size(), 7U);
+    EXPECT_EQ(Traces(all.begin() + 3, all.end()),
+              (Traces{{debug_level, "Found a valid scheme name.\n"},
+                      {debug_level, "Trying to print scheme name.\n"},
+                      {debug_level, "scheme name is slot0\n"},
+                      {debug_level, "intermediate dest name is dir/file\n"}}));
+}
+
+TEST_F(DeleteSchemeTest, NamesOfTheLongestLengthAreHandled) {
+    const std::string rest(245, 'x');
+    flashMiscOpEntry row = with_delete_name("bootflash:" + rest);
+    EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 1);
+    EXPECT_EQ(row.intermediateName, rest);
+    row = with_delete_name(std::string(255, 'x'));
+    EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 0);
+}
+
+// parse_file_n_get_pathname
+
+class PathKindTest : public fakes::FlashTest {
+  protected:
+    static constexpr int32_t kind_before = 44;
+
+    static flashCopyEntry row_with(int32_t side, std::string_view name) {
+        flashCopyEntry row = with_name(side, name);
+        row.pathKind = kind_before;
+        fakes::put(row.sourcePathName, "source before");
+        fakes::put(row.destinationPathName, "destination before");
+        return row;
+    }
+    static void expect_untouched(const flashCopyEntry &row) {
+        EXPECT_EQ(row.pathKind, kind_before);
+        EXPECT_STREQ(row.sourcePathName, "source before");
+        EXPECT_STREQ(row.destinationPathName, "destination before");
+    }
+};
+
+TEST_F(PathKindTest, ANameWithoutATokenIsAnOrdinaryEmptyPath) {
+    for (const char *name : {"", "/", "////"}) {
+        SCOPED_TRACE(name);
+        flashCopyEntry row = row_with(destination, name);
+        EXPECT_EQ(parse_file_n_get_pathname(&row, destination), 1);
+        EXPECT_EQ(row.pathKind, 1);
+        EXPECT_STREQ(row.destinationPathName, "");
+        EXPECT_STREQ(row.sourcePathName, "source before");
+        for (int32_t side : source_sides) {
+            row = row_with(source, name);
+            EXPECT_EQ(parse_file_n_get_pathname(&row, side), 1);
+            EXPECT_EQ(row.pathKind, 1);
+            EXPECT_STREQ(row.sourcePathName, "");
+            EXPECT_STREQ(row.destinationPathName, "destination before");
+        }
+    }
+}
+
+TEST_F(PathKindTest, ANameOfMoreThanOneTokenIsRefused) {
+    for (const char *name : {"bootflash:/a/b", "bootflash:/a", "a/b", "/a/b/c", "a//b",
+                             "bootflash://standby-sup/x", "standby-sup/x"})
+        for (int32_t side : {destination, source, 0}) {
+            SCOPED_TRACE(name);
+            flashCopyEntry row = row_with(side, name);
+            EXPECT_EQ(parse_file_n_get_pathname(&row, side), -1);
+            expect_untouched(row);
+        }
+}
+
+TEST_F(PathKindTest, ANameOfOneTokenIsNoPathOfEitherKind) {
+    for (const char *name : {"bootflash:a", "a", "/a", "a/", "//a//", "bootflash:", ":",
+                             "standby-sup", "/standby-sup"}) {
+        SCOPED_TRACE(name);
+        flashCopyEntry row = row_with(destination, name);
+        EXPECT_EQ(parse_file_n_get_pathname(&row, destination), 3);
+        expect_untouched(row);
+        for (int32_t side : source_sides) {
+            SCOPED_TRACE(side);
+            row = row_with(source, name);
+            EXPECT_EQ(parse_file_n_get_pathname(&row, side), side == 2 ? -1 : 3);
+            expect_untouched(row);
+        }
+    }
+}
+
+TEST_F(PathKindTest, AnEarlierNameDoesNotShowThrough) {
+    flashCopyEntry row = row_with(source, "a/standby-sup/x");
+    EXPECT_EQ(parse_file_n_get_pathname(&row, 0), -1);
+    row = row_with(source, "b");
+    EXPECT_EQ(parse_file_n_get_pathname(&row, 0), 3);
+    expect_untouched(row);
+}
+
+TEST_F(PathKindTest, TheNameIsCutUp) {
+    flashCopyEntry row = row_with(destination, "dir/file");
+    parse_file_n_get_pathname(&row, destination);
+    EXPECT_STREQ(row.destinationName, "dir");
+    row = row_with(source, "dir/file");
+    parse_file_n_get_pathname(&row, source);
+    EXPECT_STREQ(row.sourceName, "dir");
+}
+
+TEST_F(PathKindTest, TheNameIsSplitAtSlashes) {
+    flashCopyEntry row = row_with(source, "bootflash:a");
+    parse_file_n_get_pathname(&row, source);
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "In snmp_uri_map_str_split: str is bootflash:a and delimiters "
+                                    "is //\n"},
+                      {debug_level, "was able to tokenize and found a COLON..\n"},
+                      {debug_level, "returning ctr = 1\n"}}));
+}
+
+TEST_F(PathKindTest, NamesOfTheLongestLengthAreHandled) {
+    std::string many = "a";
+    while (many.size() < 255)
+        many += "/a";
+    flashCopyEntry row = row_with(source, many);
+    EXPECT_EQ(parse_file_n_get_pathname(&row, source), -1);
+    row = row_with(source, std::string(255, 'x'));
+    EXPECT_EQ(parse_file_n_get_pathname(&row, 0), 3);
+    row = row_with(source, std::string(255, '/'));
+    EXPECT_EQ(parse_file_n_get_pathname(&row, 0), 1);
+}
+
+// validate_filename
+
+class FilenameTest : public fakes::FlashTest {
+  protected:
+    static flashCopyEntry row_with(int32_t side, std::string_view name) {
+        flashCopyEntry row = with_name(side, name);
+        fakes::put(row.sourcePath, "source before");
+        fakes::put(row.destinationPath, "destination before");
+        return row;
+    }
+    static void expect_untouched(const flashCopyEntry &row) {
+        EXPECT_STREQ(row.sourcePath, "source before");
+        EXPECT_STREQ(row.destinationPath, "destination before");
+    }
+};
+
+using DestinationNameTest = FilenameTest;
+
+TEST_F(DestinationNameTest, ANewFileIsAccepted) {
+    platform().paths["bootflash:a"] = "/bootflash/a";
+    flashCopyEntry row = row_with(destination, "bootflash:a");
+    EXPECT_EQ(validate_filename(&row, destination), 1);
+    EXPECT_STREQ(row.destinationPath, "/bootflash/a");
+    EXPECT_STREQ(row.sourcePath, "source before");
+    EXPECT_STREQ(row.destinationName, "bootflash:a");
+    EXPECT_EQ(fakes::calls(), (Lines{"uriutil_uri_to_path uri=bootflash:a size=255 flags=0",
+                                     "uriutil_stat_get uri=bootflash:a flags=0"}));
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for "
+                                    "destination file=bootflash:a\n"},
+                      {debug_level, "Adding a new file.\n"},
+                      {debug_level, "validate_filename: returning SUCCESS with dest "
+                                    "filename=/bootflash/a\n"}}));
+}
+
+TEST_F(DestinationNameTest, AnExistingFileIsAccepted) {
+    platform().paths["bootflash:a"] = "/bootflash/a";
+    for (int32_t type : {0, 1, 8, 31, 33, -32}) {
+        SCOPED_TRACE(type);
+        fakes::forget();
+        platform().file_types["bootflash:a"] = type;
+        flashCopyEntry row = row_with(destination, "bootflash:a");
+        EXPECT_EQ(validate_filename(&row, destination), 1);
+        EXPECT_STREQ(row.destinationPath, "/bootflash/a");
+        EXPECT_EQ(fakes::traces(),
+                  (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for "
+                                        "destination file=bootflash:a\n"},
+                          {debug_level, "validate_filename: returning SUCCESS with dest "
+                                        "filename=/bootflash/a\n"}}));
+    }
+}
+
+TEST_F(DestinationNameTest, ADirectoryIsRefused) {
+    platform().paths["bootflash:d"] = "/bootflash/d";
+    platform().file_types["bootflash:d"] = 32;
+    flashCopyEntry row = row_with(destination, "bootflash:d");
+    EXPECT_EQ(validate_filename(&row, destination), 0);
+    expect_untouched(row);
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for "
+                                    "destination file=bootflash:d\n"},
+                      {error_level, "destination cannot be directory.\n"}}));
+}
+
+TEST_F(DestinationNameTest, ANameThatDoesNotResolveIsRefused) {
+    for (int32_t code : {0x41000001, -1, 1, 0x401E0059}) {
+        SCOPED_TRACE(code);
+        fakes::forget();
+        platform().uri_error = code;
+        flashCopyEntry row = row_with(destination, "nowhere:a");
+        EXPECT_EQ(validate_filename(&row, destination), 0);
+        expect_untouched(row);
+        EXPECT_EQ(fakes::calls(), (Lines{"uriutil_uri_to_path uri=nowhere:a size=255 flags=0"}));
+        EXPECT_EQ(fakes::traces(),
+                  (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for "
+                                        "destination file=nowhere:a\n"},
+                          {error_level, "uriutil_uri_to_path for destination returned ERROR.\n"}}));
+    }
+}
+
+TEST_F(DestinationNameTest, NeverFallsBackToTheSystemManager) {
+    platform().core_paths["core:a"] = "/cores/a";
+    flashCopyEntry row = row_with(destination, "core:a");
+    EXPECT_EQ(validate_filename(&row, destination), 0);
+    EXPECT_THAT(fakes::calls("svcmgrcmi"), IsEmpty());
+}
+
+TEST_F(DestinationNameTest, TheSystemLogIsNoSpecialDestination) {
+    platform().paths["log:messages"] = "/log/messages";
+    flashCopyEntry row = row_with(destination, "log:messages");
+    EXPECT_EQ(validate_filename(&row, destination), 1);
+    EXPECT_STREQ(row.destinationPath, "/log/messages");
+    EXPECT_THAT(fakes::calls("syslog_disp_logfile"), IsEmpty());
+}
+
+TEST_F(DestinationNameTest, TheLongestPathIsStoredWhole) {
+    const std::string path = std::string("/").append(253, 'p');
+    platform().paths["bootflash:a"] = path;
+    flashCopyEntry row = row_with(destination, "bootflash:a");
+    EXPECT_EQ(validate_filename(&row, destination), 1);
+    EXPECT_EQ(row.destinationPath, path);
+}
+
+TEST_F(DestinationNameTest, TheLongestNameIsAskedForWhole) {
+    const std::string name = std::string("bootflash:").append(245, 'n');
+    flashCopyEntry row = row_with(destination, name);
+    validate_filename(&row, destination);
+    EXPECT_EQ(fakes::calls(), (Lines{"uriutil_uri_to_path uri=" + name + " size=255 flags=0"}));
+}
+
+using SourceNameTest = FilenameTest;
+
+TEST_F(SourceNameTest, AResolvedNameIsAcceptedWithoutALookAtTheFile) {
+    platform().paths["bootflash:a"] = "/bootflash/a";
+    platform().file_types["bootflash:a"] = 32;
+    for (int32_t side : source_sides) {
+        SCOPED_TRACE(side);
+        fakes::forget();
+        flashCopyEntry row = row_with(source, "bootflash:a");
+        EXPECT_EQ(validate_filename(&row, side), 1);
+        EXPECT_STREQ(row.sourcePath, "/bootflash/a");
+        EXPECT_STREQ(row.destinationPath, "destination before");
+        EXPECT_EQ(fakes::calls(), (Lines{"uriutil_uri_to_path uri=bootflash:a size=255 flags=0"}));
+        EXPECT_EQ(fakes::traces(),
+                  (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for source "
+                                        "file=bootflash:a\n"},
+                          {debug_level, "validate_filename: returning SUCCESS with source "
+                                        "filename=/bootflash/a\n"}}));
+    }
+}
+
+TEST_F(SourceNameTest, ANameThatDoesNotResolveIsAskedOfTheSystemManager) {
+    platform().core_paths["core:1/a"] = "/cores/a";
+    flashCopyEntry row = row_with(source, "core:1/a");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_STREQ(row.sourcePath, "/cores/a");
+    EXPECT_STREQ(row.destinationPath, "destination before");
+    EXPECT_EQ(fakes::calls(), (Lines{"uriutil_uri_to_path uri=core:1/a size=255 flags=0",
+                                     "svcmgrcmi_core_uri_to_path queue=77 uri=core:1/a"}));
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for source "
+                                    "file=core:1/a\n"},
+                      {debug_level, "uriutil_uri_to_path for source returned ERROR.\n"},
+                      {debug_level,
+                       "validate_filename: returning SUCCESS with source filename=/cores/a\n"}}));
+}
+
+TEST_F(SourceNameTest, TheSystemManagersOtherSuccessIsAccepted) {
+    platform().core_paths["core:1/a"] = "/cores/a";
+    platform().core_result = 0x401E0059;
+    flashCopyEntry row = row_with(source, "core:1/a");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_STREQ(row.sourcePath, "/cores/a");
+    EXPECT_THAT(fakes::trace_texts(error_level), IsEmpty());
+}
+
+TEST_F(SourceNameTest, ANameThatTheSystemManagerDoesNotKnowIsRefused) {
+    const std::pair<int32_t, const char *> codes[] = {{0x41000003, "41000003"},
+                                                      {0x401E0058, "401e0058"},
+                                                      {0x401E005A, "401e005a"},
+                                                      {1, "1"},
+                                                      {-1, "ffffffff"}};
+    for (const auto &[code, text] : codes) {
+        SCOPED_TRACE(text);
+        fakes::forget();
+        platform().core_error = code;
+        flashCopyEntry row = row_with(source, "core:1/a");
+        EXPECT_EQ(validate_filename(&row, source), 0);
+        expect_untouched(row);
+        EXPECT_EQ(fakes::traces(),
+                  (Traces{{debug_level, "validate_filename: calling uriutil_uri_to_path for source "
+                                        "file=core:1/a\n"},
+                          {debug_level, "uriutil_uri_to_path for source returned ERROR.\n"},
+                          {error_level, std::string("svcmgrcmi_core_uri_to_path for source "
+                                                    "returned ERROR (") +
+                                            text + ").\n"}}));
+    }
+}
+
+TEST_F(SourceNameTest, ACorePathIsCutTo254Characters) {
+    platform().core_paths["core:1/a"] = std::string(1000, 'c');
+    flashCopyEntry row = row_with(source, "core:1/a");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_EQ(row.sourcePath, std::string(254, 'c'));
+    EXPECT_STREQ(row.destinationPath, "destination before");
+}
+
+TEST_F(SourceNameTest, APercentSignInACorePathIsTakenAsItIs) {
+    platform().core_paths["core:1/a"] = "/cores/100%s%n";
+    flashCopyEntry row = row_with(source, "core:1/a");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_STREQ(row.sourcePath, "/cores/100%s%n");
+}
+
+TEST_F(SourceNameTest, TheLongestPathIsStoredWhole) {
+    const std::string path = std::string("/").append(253, 'p');
+    platform().paths["bootflash:a"] = path;
+    flashCopyEntry row = row_with(source, "bootflash:a");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_EQ(row.sourcePath, path);
+}
+
+TEST_F(SourceNameTest, TheSystemLogIsDumpedIntoATemporaryFile) {
+    flashCopyEntry row = row_with(source, "log:messages");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_STREQ(row.sourcePath, "/var/tmp/intsyslog");
+    EXPECT_STREQ(row.destinationPath, "destination before");
+    const Lines all = fakes::calls();
+    ASSERT_EQ(all.size(), 3U);
+    EXPECT_THAT(Lines(all.begin(), all.begin() + 2),
+                testing::UnorderedElementsAre("get_snmp_username request=0",
+                                              "get_snmp_sessionid request=0"));
+    EXPECT_EQ(all[2], "syslog_disp_logfile user=operator session=12 kind=5 "
+                      "log=/var/log/external/messages output=/var/tmp/intsyslog 0 0 0");
+}
+
+TEST_F(SourceNameTest, TheSystemLogIsTracedWithTheDestinationField) {
+    flashCopyEntry row = row_with(source, "log:messages");
+    validate_filename(&row, source);
+    EXPECT_EQ(fakes::traces(),
+              (Traces{{debug_level, "validate_filename: want to copy a logfile.\n"},
+                      {debug_level, "Tring to print expandedDestFileName..\n"},
+                      {debug_level, "expandedDestFileName is destination before\n"}}));
+}
+
+TEST_F(SourceNameTest, EverySideButOneTakesTheSystemLog) {
+    for (int32_t side : source_sides) {
+        SCOPED_TRACE(side);
+        flashCopyEntry row = row_with(source, "log:messages");
+        EXPECT_EQ(validate_filename(&row, side), 1);
+        EXPECT_STREQ(row.sourcePath, "/var/tmp/intsyslog");
+    }
+}
+
+TEST_F(SourceNameTest, TheDumpNamesTheUserAndSessionOfTheRequest) {
+    platform().username = std::string(63, 'u');
+    platform().session = -3;
+    flashCopyEntry row = row_with(source, "log:messages");
+    validate_filename(&row, source);
+    EXPECT_THAT(fakes::calls("syslog_disp_logfile"),
+                ElementsAre("syslog_disp_logfile user=" + platform().username +
+                            " session=-3 kind=5 log=/var/log/external/messages "
+                            "output=/var/tmp/intsyslog 0 0 0"));
+}
+
+TEST_F(SourceNameTest, ALongUserNameStaysInItsField) {
+    platform().username = std::string(500, 'u');
+    bool terminated = false;
+    platform().syslog_disp_logfile.does([&terminated](const syslog_dump_request *request,
+                                                      const char *, const char *, int, int, int) {
+        terminated = strnlen(request->user, sizeof request->user) < sizeof request->user;
+        return 0;
+    });
+    flashCopyEntry row = row_with(source, "log:messages");
+    EXPECT_EQ(validate_filename(&row, source), 1);
+    EXPECT_TRUE(terminated);
+}
+
+TEST_F(SourceNameTest, ASystemLogThatCannotBeDumpedIsRefused) {
+    for (int32_t code : {0x41000005, -1, 1}) {
+        SCOPED_TRACE(code);
+        fakes::forget();
+        platform().syslog_disp_logfile.returns(code);
+        flashCopyEntry row = row_with(source, "log:messages");
+        EXPECT_EQ(validate_filename(&row, source), 0);
+        expect_untouched(row);
+        EXPECT_EQ(fakes::traces(),
+                  (Traces{{debug_level, "validate_filename: want to copy a logfile.\n"},
+                          {error_level, "syslog_disp_logfile returned ERROR.\n"}}));
+        EXPECT_THAT(fakes::calls("uriutil"), IsEmpty());
+    }
+}
+
+TEST_F(SourceNameTest, OnlyTheExactNameIsTheSystemLog) {
+    for (const char *name : {"log:messages2", "log:message", "LOG:messages", "log:Messages",
+                             "log:/messages", "log:", "log", " log:messages", "log::messages"}) {
+        SCOPED_TRACE(name);
+        fakes::forget();
+        platform().paths[name] = "/log/resolved";
+        flashCopyEntry row = row_with(source, name);
+        EXPECT_EQ(validate_filename(&row, source), 1);
+        EXPECT_STREQ(row.sourcePath, "/log/resolved");
+        EXPECT_THAT(fakes::calls("syslog_disp_logfile"), IsEmpty());
+        platform().paths.clear();
+        EXPECT_EQ(validate_filename(&row, source), 0);
+    }
+}
+
+} // namespace
