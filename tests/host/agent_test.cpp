@@ -108,7 +108,7 @@ TEST_F(ErrorLog, TakesATextWithoutTerminator) {
 }
 
 TEST_F(ErrorLog, StaysBelowItsLimitAndKeepsOnePredecessor) {
-    constexpr std::uintmax_t limit = 256 * 1024;
+    constexpr std::uintmax_t limit = 262144;
     for (int i = 0; i < 4000; ++i) {
         ASSERT_EQ(log(i, std::string(200, 't')), 0);
         ASSERT_LE(fs::file_size(path), limit);

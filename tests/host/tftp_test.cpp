@@ -136,6 +136,7 @@ class TftpServed : public Tftp {
         words.insert(words.end(), options.begin(), options.end());
         words.push_back(server);
         std::vector<char *> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string &word : words)
             arguments.push_back(word.data());
         arguments.push_back(nullptr);
@@ -151,7 +152,8 @@ class TftpServed : public Tftp {
     void stop() {
         if (pid_ <= 0)
             return;
-        kill(pid_, SIGTERM);
+        // Asked politely, it waits for clients that left in the middle.
+        kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
@@ -167,6 +169,7 @@ class TftpServed : public Tftp {
         const auto deadline = Clock::now() + std::chrono::seconds(5);
         while (read_file(server / "sent") != text && Clock::now() < deadline)
             std::this_thread::yield();
+        EXPECT_TRUE(fs::exists(server / "sent"));
         EXPECT_TRUE(read_file(server / "sent") == text) << "put other content, size " << size;
         EXPECT_THAT(local_files(), testing::UnorderedElementsAre("here", "sent"));
     }
@@ -405,7 +408,7 @@ class TftpPlayed : public Tftp {
         Tftp::TearDown();
     }
 
-    void play(Script script) {
+    void play(const Script &script) {
         thread_ = std::thread([this, script] {
             while (!ended_) {
                 pollfd wait{socket_, POLLIN, 0};
@@ -431,7 +434,7 @@ class TftpPlayed : public Tftp {
         return word(3) + word(block) + Bytes(size, 'd');
     }
     static Bytes acknowledgement(unsigned block) { return word(4) + word(block); }
-    static Bytes error(unsigned code) { return word(5) + word(code) + Bytes("no", 3); }
+    static Bytes error(unsigned code) { return word(5) + word(code) + Bytes("no\0", 3); }
     static unsigned opcode(const Bytes &bytes) { return static_cast<unsigned char>(bytes.at(1)); }
     static unsigned block(const Bytes &bytes) {
         return static_cast<unsigned>(static_cast<unsigned char>(bytes.at(2)) << 8 |
@@ -505,16 +508,12 @@ TEST_F(TftpPlayed, LargeBlocksAreNegotiated) {
     play([&](const Bytes &bytes) {
         if (opcode(bytes) == 1) {
             request = bytes;
-            return word(6) + Bytes("blksize\0"
-                                   "1468",
-                                   13);
+            return word(6) + Bytes("blksize\0001468\0", 13);
         }
         return data(block(bytes) + 1, block(bytes) == 0 ? 1468 : 1);
     });
     EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
-    EXPECT_THAT(request, testing::HasSubstr(Bytes("blksize\0"
-                                                  "1468",
-                                                  13)));
+    EXPECT_THAT(request, testing::HasSubstr(Bytes("blksize\0001468\0", 13)));
     EXPECT_EQ(fs::file_size(local / "here"), 1469U);
 }
 

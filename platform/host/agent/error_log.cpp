@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr off_t max_size = 256 * 1024;
+constexpr off_t max_size = 262144; // bytes
 constexpr mode_t log_mode = 0640;
 
 static_assert(sizeof(snmp_error_record) == 472);
