@@ -36,9 +36,12 @@ class RunDirectory : public testing::Environment {
         ASSERT_NE(mkdtemp(path), nullptr);
         setenv("RUMA_RUN_DIR", path, 1);
         path_ = path;
-        snmp_disable_log();
+        snmp_enable_filelog((path_ + "/agent.log").c_str(), 0);
     }
-    void TearDown() override { fs::remove_all(path_); }
+    void TearDown() override {
+        snmp_disable_log();
+        fs::remove_all(path_);
+    }
 
   private:
     std::string path_;
@@ -80,6 +83,12 @@ TEST_F(ErrorLog, GrowsByALinePerRecord) {
     ASSERT_EQ(log(2, "two"), 0);
     EXPECT_THAT(read_file(path),
                 testing::MatchesRegex(".*Z, 0x00000001, one\n.*Z, 0x00000002, two\n"));
+}
+
+TEST_F(ErrorLog, GoesToTheAgentsLogToo) {
+    ASSERT_EQ(log(0x4049001C, "for the agent"), 0);
+    EXPECT_THAT(read_file(ruma::run_dir() + "/agent.log"),
+                testing::HasSubstr("error 0x4049001c: for the agent\n"));
 }
 
 TEST_F(ErrorLog, ShowsNegativeCodes) {
