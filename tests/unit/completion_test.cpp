@@ -10,6 +10,7 @@
 #include <cstring>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -885,15 +886,14 @@ TEST_F(PipeTest, TheDescriptorDoesNotMatter) {
 }
 
 TEST_F(PipeTest, TheModulesOwnPipeIsRead) {
-    std::FILE *const mine = read_stream;
+    std::FILE *const mine = std::exchange(read_stream, nullptr);
     init_orvex_flash_mib();
     ASSERT_EQ(pipe_status, flash::pipeCreated);
     ASSERT_EQ(::write(mypipe[1], "14:3\n", 5), 5);
     EXPECT_EQ(read_from_pipe(mypipe[0], &line), 14);
     EXPECT_EQ(line.status, 14);
     EXPECT_EQ(line.row, 3);
-    std::fclose(read_stream);
-    read_stream = mine;
+    std::fclose(std::exchange(read_stream, mine));
 }
 
 TEST_F(PipeTest, ALineCompletesItsRowAndReapsTheLastWorker) {
