@@ -8,7 +8,7 @@ namespace {
 constexpr unsigned entries_per_slice = 1000;
 // After so many files that have gone without the catalogue knowing yet, a look-up gives up rather
 // than keep the others waiting.
-constexpr unsigned gone_limit = 10000;
+constexpr unsigned gone_limit = 5000;
 
 } // namespace
 

@@ -36,9 +36,7 @@ int serve(const ruma::WatchLimits &limits) {
     return EXIT_SUCCESS;
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
     CLI::App app("Serves the inventory of the flash file systems to the SNMP agent", "fs_daemon");
     std::string config_path;
     std::string run_dir;
@@ -60,15 +58,21 @@ int main(int argc, char **argv) {
     app.set_version_flag("--version", std::string("fs_daemon ") + RUMA_VERSION);
     CLI11_PARSE(app, argc, argv);
 
+    limits.rescan_interval = std::chrono::seconds(rescan_seconds);
+    if (!config_path.empty()) {
+        setenv("RUMA_CONFIG", config_path.c_str(), 1);
+    }
+    if (!run_dir.empty()) {
+        setenv("RUMA_RUN_DIR", run_dir.c_str(), 1);
+    }
+    return serve(limits);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
     try {
-        limits.rescan_interval = std::chrono::seconds(rescan_seconds);
-        if (!config_path.empty()) {
-            setenv("RUMA_CONFIG", config_path.c_str(), 1);
-        }
-        if (!run_dir.empty()) {
-            setenv("RUMA_RUN_DIR", run_dir.c_str(), 1);
-        }
-        return serve(limits);
+        return run(argc, argv);
     } catch (const std::exception &error) {
         fprintf(stderr, "fs_daemon: %s\n", error.what());
         return EXIT_FAILURE;

@@ -271,7 +271,7 @@ void Monitor::begin(Directory &directory) {
         return;
     }
     listing.release();
-    scan_.emplace();
+    scan_ = std::make_unique<Scan>();
     scan_->directory = &directory;
     scan_->stream.reset(stream);
     ++stamp_;

@@ -122,7 +122,7 @@ class Monitor {
     std::vector<Move> moves_;
     std::map<uint64_t, Directory *> queue_;
     uint64_t last_ticket_ = 0;
-    std::optional<Scan> scan_;
+    std::unique_ptr<Scan> scan_;
     uint32_t stamp_ = 0;
 
     bool rescan_wanted_ = false;
