@@ -1,0 +1,241 @@
+# What the three transfer scripts share: taking the arguments, running a client to its end, and
+# receiving a file. Every argument is data. It reaches a client as one word of its argument list or
+# quoted for its command language, and is never evaluated by Tcl or a shell.
+#
+# Exit codes: 0 done, 1 busy, 2 no such source, 3 no space or memory, 4 host key or login refused,
+# 5 anything else. A script that a signal ends would count as one that succeeded; these catch it and
+# exit with 5.
+
+encoding system iso8859-1; # names and passwords are bytes
+log_user 0
+match_max -d 65536
+
+set exitCodes {busy 1 noSource 2 noSpace 3 refused 4 failed 5}
+set temporary ""; # file being received
+
+# Ends the transfer: with an exit code's name and a sentence for the operator. The sentence never
+# holds what an argument or a server said: either may hold the password.
+proc give_up {cause sentence} {
+    throw [list TRANSFER $cause] $sentence
+}
+
+# Runs a script's main procedure on the script's arguments, and exits.
+proc run_transfer {main} {
+    global argv0 exitCodes
+    trap interrupted {SIGTERM SIGINT SIGHUP}
+    set code 0
+    try {
+        $main {*}[arguments]
+    } trap TRANSFER {sentence options} {
+        set code [dict get $exitCodes [lindex [dict get $options -errorcode] 1]]
+    } on error {- options} {
+        # The message itself may hold an argument.
+        set code [dict get $exitCodes failed]
+        set sentence "internal error, [lindex [dict get $options -errorcode] 0]\
+                      at line [dict get $options -errorline]"
+    }
+    clean_up
+    if {$code != 0} {
+        catch {puts stderr "[file tail $argv0]: $sentence"}
+    }
+    exit $code
+}
+
+# The script's arguments, as bytes. They are moved from the argument list, which every user can see,
+# to standard input: the script runs itself once more for that.
+proc arguments {} {
+    global argv argv0 argc
+    if {$argv eq "-"} {
+        fconfigure stdin -translation binary
+        return [lrange [split [read stdin] \0] 0 end-1]
+    }
+    set file [open /proc/self/cmdline rb]
+    set words [lrange [split [read $file] \0] end-$argc end]
+    close $file
+    set text [join $words \0]
+    if {[string length $text] > 32768} {
+        give_up failed "arguments too long"; # than a pipe holds
+    }
+    lassign [chan pipe] input output
+    fconfigure $output -translation binary
+    puts -nonewline $output $text
+    close $output
+    overlay -0 [string map {file {}} $input] [info nameofexecutable] -nN $argv0 -
+}
+
+proc interrupted {} {
+    trap SIG_IGN {SIGTERM SIGINT SIGHUP}
+    clean_up
+    exit 5
+}
+
+proc clean_up {} {
+    global temporary
+    stop_client
+    if {$temporary ne ""} {
+        file delete -- $temporary
+    }
+}
+
+# --- Arguments ------------------------------------------------------------------------------------
+
+# Refuses what no client's command language or terminal can carry, and what is out of shape.
+proc check_arguments {server limit args} {
+    if {![regexp {^[0-9A-Za-z]([0-9A-Za-z.-]*[0-9A-Za-z])?$} $server]} {
+        give_up failed "bad server"
+    }
+    if {![regexp {^[1-9][0-9]{0,6}$} $limit]} {
+        give_up failed "bad time limit"
+    }
+    foreach name $args {
+        if {$name eq "" || [regexp {[\x00-\x1f\x7f]} $name]} {
+            give_up failed "bad name"
+        }
+    }
+}
+
+# The password as the user entered it. Of the backslashes that it was sent with, a shell's double
+# quotes have removed all but those before brackets.
+proc plain_password {argument} {
+    set password [string map {\\[ [ \\] ]} $argument]
+    if {[regexp {[\r\n]} $password]} {
+        give_up failed "bad password"
+    }
+    return $password
+}
+
+# A name with a backslash before every character that means something to a command language.
+proc backslashed {name} {
+    return [regsub -all {[^0-9A-Za-z_./\x80-\xff-]} $name {\\&}]
+}
+
+# A remote name that cannot be taken for an option or a home directory.
+proc plain_remote {name} {
+    return [expr {[string index $name 0] in {- ~} ? "./$name" : $name}]
+}
+
+proc absolute {path} {
+    return [expr {[string index $path 0] eq "/" ? $path : "[pwd]/$path"}]
+}
+
+# --- Local files ----------------------------------------------------------------------------------
+
+proc check_source {path} {
+    if {![file exists $path]} {
+        give_up noSource "no such file to send"
+    }
+    if {![file isfile $path] || ![file readable $path]} {
+        give_up failed "the file to send cannot be read"
+    }
+}
+
+# Creates the file to receive into: beside the destination, so that it can take its place at once,
+# under a name that nobody can know before. Returns its name.
+proc begin_receiving {destination} {
+    global temporary
+    if {[string index $destination end] eq "/"} {
+        give_up failed "the destination is a directory"
+    }
+    # A link is replaced, not followed.
+    if {[catch {file lstat $destination status}] == 0} {
+        if {$status(type) ni {file link}} {
+            give_up failed "the destination is not a file"
+        }
+        if {$status(type) eq "file" && ![file writable $destination]} {
+            give_up failed "the destination is write-protected"
+        }
+    }
+    set random [open /dev/urandom rb]
+    fconfigure $random -buffering none -buffersize 16
+    binary scan [read $random 16] H* suffix
+    close $random
+    set name [file dirname $destination]/.transfer-$suffix
+    try {
+        set temporary $name
+        close [open $name {WRONLY CREAT EXCL} [expr {[info exists status(mode)] ? 0600 : 0666}]]
+    } trap {POSIX ENOSPC} {} {
+        give_up noSpace "no space for the destination"
+    } trap {POSIX EDQUOT} {} {
+        give_up noSpace "no space for the destination"
+    } on error {} {
+        give_up failed "the destination's directory cannot be written"
+    }
+    return $name
+}
+
+# Gives the received file its name, and the mode of the file that it replaces.
+proc keep_received {destination} {
+    global temporary
+    if {[catch {file lstat $destination status}] == 0 && $status(type) eq "file"} {
+        file attributes $temporary -permissions [expr {$status(mode) & 0777}]
+    }
+    file rename -force -- $temporary $destination
+    set temporary ""
+}
+
+# --- The client -----------------------------------------------------------------------------------
+
+# Runs a client to its end, on a terminal of its own.
+#   limit    seconds after which it is stopped, by a timer that the time of day does not matter to
+#   input    its standard input, a text; prompts for the password do not come from there
+#   output   its standard output: a file, or /dev/tty for the terminal
+#   prompt   regular expression of a prompt that stands at the end of what it has written
+#   password answer to the first prompt, if that asks for a password; any other prompt means that
+#            the login is refused
+#   on_line  procedure that gets each line of text it writes
+# Returns its exit code.
+proc run_client {limit input output prompt password on_line client} {
+    global spawn_id stty_init env
+    array unset env *
+    array set env {PATH /usr/bin:/bin LC_ALL C HOME /nonexistent TERM dumb}
+    set stty_init "-echo -opost"
+    set launcher "output=\$1; shift; exec \"\$@\" >\"\$output\" <<end\n\$0\nend\n"
+    set timeout -1
+    set answered false
+
+    spawn -noecho /bin/sh -c $launcher $input $output timeout --kill-after=1 $limit {*}$client
+    expect {
+        -re {^[^\r\n]*[\r\n]+} {
+            $on_line [string trimright $expect_out(0,string) \r\n]
+            exp_continue
+        }
+        -re $prompt {
+            if {$answered || ![regexp -nocase {pass(word|phrase|code)} $expect_out(0,string)]} {
+                give_up refused "the server refused the login"
+            }
+            set answered true
+            # The terminal would act on a control character; quoted, it passes it on.
+            send -- "[regsub -all {[\x01-\x1f\x7f]} $password "\x16&"]\r"
+            exp_continue
+        }
+        eof {
+            $on_line $expect_out(buffer)
+        }
+    }
+    lassign [wait] - - failed code
+    unset spawn_id
+    if {$failed != 0 || $code == 124} {
+        give_up failed "time limit reached, or the client was ended"
+    }
+    return $code
+}
+
+# Ends the client with all its processes: they are a session of their own, which no signal to this
+# script's process group reaches.
+proc stop_client {} {
+    global spawn_id
+    if {![info exists spawn_id]} {
+        return
+    }
+    catch {
+        exec /bin/sh -c {
+            trap "" TERM INT HUP
+            kill -TERM -- "-$0"
+            sleep 0.2
+            kill -KILL -- "-$0"
+        } [exp_pid] 2>/dev/null
+    }
+    catch close
+    catch wait
+    unset spawn_id
+}

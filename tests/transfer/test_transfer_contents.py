@@ -1,0 +1,108 @@
+"""What is transferred arrives whole, and takes its place at once."""
+
+import os
+import stat
+
+import pytest
+from transfers import DONE, FAILED, NO_SOURCE, digest
+
+SIZES = [0, 1, 511, 512, 513, 1 << 20, 64 << 20]
+
+
+@pytest.mark.parametrize("size", SIZES)
+def test_a_file_that_is_got_arrives_whole(client, protocol, server, size):
+    source = server.store("source", os.urandom(size))
+    assert client.get(protocol, server, "source", client.files / "copy") == DONE
+    assert digest(client.files / "copy") == digest(source)
+    assert client.temporaries() == []
+    source.unlink()
+
+
+@pytest.mark.parametrize("size", SIZES)
+def test_a_file_that_is_put_arrives_whole(client, protocol, server, size):
+    source = client.files / "source"
+    source.write_bytes(os.urandom(size))
+    assert client.put(protocol, server, source, "copy") == DONE
+    assert digest(server.home / "copy") == digest(source)
+    (server.home / "copy").unlink()
+
+
+@pytest.mark.parametrize("verb", ["get", "put"])
+def test_scp_falls_back_to_the_old_protocol(client, ssh_server_without_sftp, verb):
+    server = ssh_server_without_sftp
+    content = os.urandom(100_000)
+    if verb == "get":
+        server.store("source", content)
+        assert client.get("scp", server, "source", client.files / "copy") == DONE
+        assert (client.files / "copy").read_bytes() == content
+    else:
+        (client.files / "source").write_bytes(content)
+        assert client.put("scp", server, client.files / "source", "copy") == DONE
+        assert (server.home / "copy").read_bytes() == content
+
+
+def test_a_file_in_a_directory_of_the_server_is_got(client, protocol, server):
+    (server.home / "images").mkdir(exist_ok=True)
+    server.store("images/one", b"content")
+    assert client.get(protocol, server, "images/one", client.files / "copy") == DONE
+    assert (client.files / "copy").read_bytes() == b"content"
+
+
+def test_an_absolute_remote_name_is_got(client, protocol, server):
+    source = server.store("source", b"content")
+    assert client.get(protocol, server, source, client.files / "copy") == DONE
+    assert (client.files / "copy").read_bytes() == b"content"
+
+
+def test_a_put_replaces_a_longer_file(client, protocol, server):
+    server.store("copy", bytes(1000))
+    (client.files / "source").write_bytes(b"short")
+    assert client.put(protocol, server, client.files / "source", "copy") == DONE
+    assert (server.home / "copy").read_bytes() == b"short"
+
+
+@pytest.mark.parametrize("mode", [0o600, 0o644, 0o755])
+def test_a_get_keeps_the_mode_of_the_file_that_it_replaces(client, protocol, server, mode):
+    server.store("source", b"new")
+    destination = client.files / "copy"
+    destination.write_bytes(b"old")
+    destination.chmod(mode)
+    assert client.get(protocol, server, "source", destination) == DONE
+    assert destination.read_bytes() == b"new"
+    assert stat.S_IMODE(destination.stat().st_mode) == mode
+
+
+def test_a_new_file_has_the_usual_mode(client, protocol, server):
+    server.store("source", b"new").chmod(0o777)
+    process = client.start(
+        client.arguments(protocol, server, "get", "source", client.files / "copy"), umask=0o027
+    )
+    assert client.finish(process) == DONE
+    assert stat.S_IMODE((client.files / "copy").stat().st_mode) == 0o640
+
+
+def test_a_get_replaces_a_link_and_not_what_it_points_to(client, protocol, server):
+    server.store("source", b"new")
+    (client.files / "target").write_bytes(b"old")
+    (client.files / "copy").symlink_to("target")
+    assert client.get(protocol, server, "source", client.files / "copy") == DONE
+    assert (client.files / "target").read_bytes() == b"old"
+    assert not (client.files / "copy").is_symlink()
+
+
+def test_a_destination_that_is_no_file_is_left_alone(client, protocol, server):
+    server.store("source", b"new")
+    (client.files / "directory").mkdir()
+    os.mkfifo(client.files / "fifo")
+    for name in ("directory", "fifo", "directory/"):
+        assert client.get(protocol, server, "source", f"{client.files}/{name}") == FAILED
+    assert (client.files / "fifo").is_fifo()
+    assert list((client.files / "directory").iterdir()) == []
+
+
+def test_a_failed_get_leaves_the_destination_as_it_was(client, protocol, server):
+    destination = client.files / "copy"
+    destination.write_bytes(b"old")
+    assert client.get(protocol, server, "missing", destination) == NO_SOURCE
+    assert destination.read_bytes() == b"old"
+    assert client.temporaries() == []
