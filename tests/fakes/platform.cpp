@@ -42,13 +42,7 @@ std::map<const ordset *, Tree> &trees() {
     return all;
 }
 
-Tree *tree_of(const ordset *set, const char *procedure) {
-    if (set->tree == nullptr) {
-        platform().misuse.push_back(std::string(procedure) + " on a set that was never created");
-        return nullptr;
-    }
-    return static_cast<Tree *>(set->tree);
-}
+Tree *tree_of(const ordset *set) { return static_cast<Tree *>(set->tree); }
 
 Lines select(Kind kind, std::string_view prefix) {
     Lines result;
@@ -111,7 +105,7 @@ Platform::Platform()
           return 0;
       }),
       ordset_add([](ordset *set, const void *key, void *object) -> void * {
-          Tree *tree = tree_of(set, "ordset_add");
+          Tree *tree = tree_of(set);
           if (tree == nullptr)
               return nullptr;
           auto at = tree->lower(key);
@@ -121,14 +115,14 @@ Platform::Platform()
           return object;
       }),
       ordset_find([](const ordset *set, const void *key, int) -> void * {
-          Tree *tree = tree_of(set, "ordset_find");
+          Tree *tree = tree_of(set);
           if (tree == nullptr)
               return nullptr;
           auto at = tree->find(key);
           return at == tree->objects.end() ? nullptr : *at;
       }),
       ordset_find_nextgreater([](const ordset *set, const void *key) -> void * {
-          Tree *tree = tree_of(set, "ordset_find_nextgreater");
+          Tree *tree = tree_of(set);
           if (tree == nullptr)
               return nullptr;
           auto at = tree->lower(key);
@@ -137,12 +131,12 @@ Platform::Platform()
           return at == tree->objects.end() ? nullptr : *at;
       }),
       ordset_find_nth_obj([](const ordset *set, uint32_t n) -> void * {
-          Tree *tree = tree_of(set, "ordset_find_nth_obj");
+          Tree *tree = tree_of(set);
           return tree == nullptr || n == 0 || n > tree->objects.size() ? nullptr
                                                                        : tree->objects[n - 1];
       }),
       ordset_remove([](ordset *set, const void *key) -> void * {
-          Tree *tree = tree_of(set, "ordset_remove");
+          Tree *tree = tree_of(set);
           if (tree == nullptr)
               return nullptr;
           auto at = tree->find(key);
@@ -211,7 +205,6 @@ void forget() {
     platform().requests.clear();
     platform().sent.clear();
     platform().errors.clear();
-    platform().misuse.clear();
     forget_system();
 }
 

@@ -182,7 +182,6 @@ struct Platform {
     Call<void *(const ordset *, uint32_t)> ordset_find_nth_obj;
     Call<void *(ordset *, const void *)> ordset_remove;
     Call<uint32_t(const ordset *)> ordset_size;
-    Lines misuse; // calls that the container's contract forbids: on a set never created
 
     // Daemon: the queue first, then the procedure; without either every request fails with -1.
     std::deque<DaemonAnswer> answers;

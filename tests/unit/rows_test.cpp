@@ -378,17 +378,6 @@ TYPED_TEST(Store, GetnextFromAnIndexOnAnEmptyTableIsTheEndOfTheTable) {
     EXPECT_EQ(fakes::traces(), (Traces{{101, TypeParam::no_next}}));
 }
 
-TYPED_TEST(Store, AnEmptyTableMeetsNoContainerCallThatNeedsACreatedSet) {
-    auto row = this->filled(0, 0);
-    TypeParam::getnext(&row);
-    row.index = 5;
-    TypeParam::getnext(&row);
-    TypeParam::get(&row);
-    TypeParam::set(&row);
-    TypeParam::remove(&row);
-    EXPECT_EQ(platform().misuse, Lines{});
-}
-
 TYPED_TEST(Store, GetnextFromZeroTakesTheFirstRow) {
     this->add({9, 3, 7});
     auto row = this->filled(0, 0);

@@ -593,7 +593,7 @@ void handle_flash_copy_done(int32_t status, int32_t row, int32_t worker) {
         // Registered anew at every completion and never taken back, deliberately.
         snmp_alarm_register(ageOutSeconds, SA_REPEAT, flash_ageouttimerhandler, nullptr);
         if (setFlashCopyEntry(&entry) != success)
-            flash_trace(traceError, "ERROR  %s : Set to entry (index= %d) failed \n", self,
+            flash_trace(traceDebug, "ERROR  %s : Set to entry (index= %d) failed \n", self,
                         entry.index);
     } else {
         // Prints 0, not the row, deliberately.

@@ -419,8 +419,11 @@ int put_back(const Column &column, Row &row) {
     char *field = reinterpret_cast<char *>(&row) + column.offset;
     if (column.name != nullptr) {
         const char *saved = column.name->saved;
-        std::snprintf(field, column.name->restoredShort ? std::strlen(saved) : column.size, "%s",
-                      saved);
+        const size_t room = column.name->restoredShort ? std::strlen(saved) : column.size;
+        if (room > 0) { // a short restore from an empty slot changes nothing, deliberately
+            std::memset(field, 0, column.size);
+            std::snprintf(field, room, "%s", saved);
+        }
     } else {
         const uint32_t former = column.type == ASN_IPADDRESS ? savedAddress : 0;
         std::memcpy(field, &former, sizeof former);

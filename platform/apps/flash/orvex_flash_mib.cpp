@@ -118,14 +118,15 @@ void report_registration_failure() {
 
 // A reload of the agent's configuration starts the module again in the same process.
 void close_former_pipe() {
-    if (write_stream != nullptr)
-        std::fclose(write_stream);
-    if (read_stream != nullptr)
-        std::fclose(read_stream);
-    else if (mypipe[0] >= 0)
-        close(mypipe[0]);
-    write_stream = read_stream = nullptr;
-    mypipe[0] = mypipe[1] = -1;
+    std::FILE **const streams[] = {&read_stream, &write_stream}; // in the order of mypipe
+    for (int end = 0; end < 2; end++) {
+        if (*streams[end] != nullptr)
+            std::fclose(*streams[end]);
+        else if (mypipe[end] >= 0)
+            close(mypipe[end]);
+        *streams[end] = nullptr;
+        mypipe[end] = -1;
+    }
 }
 
 void create_pipe() {

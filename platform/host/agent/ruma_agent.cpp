@@ -6,6 +6,7 @@
 // reload: a message that arrives meanwhile waits in the socket.
 #include "agent/copy_status.h"
 #include "agent/request.h"
+#include "config/config.h"
 #include "pmb/receiver.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
@@ -120,6 +121,8 @@ __attribute__((visibility("default"))) void deinit_ruma_agent();
 
 void init_ruma_agent() {
     try {
+        // Read while the agent still has the rights that it starts with.
+        ruma::config();
         register_access_checks();
         open_receiver();
     } catch (const std::exception &error) {

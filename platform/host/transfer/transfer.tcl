@@ -175,6 +175,26 @@ proc keep_received {destination} {
 
 # --- The client -----------------------------------------------------------------------------------
 
+# What `spawn` runs, by the shell: words of octal escapes, as `spawn` would re-encode the bytes of a
+# name. The first is the standard input, the second the file that takes the standard output, the
+# others are the client's command line.
+set launcher {
+    input=$(printf %b "$0")
+    for word do
+        shift
+        set -- "$@" "$(printf %b "$word")"
+    done
+    output=$1
+    shift
+    exec "$@" >"$output" <<end
+$input
+end
+}
+
+proc octal {word} {
+    return [join [lmap character [split $word ""] {format {\0%03o} [scan $character %c]}] ""]
+}
+
 # Runs a client to its end, on a terminal of its own.
 #   limit    seconds after which it is stopped, by a timer that the time of day does not matter to
 #   input    its standard input, a text; prompts for the password do not come from there
@@ -185,15 +205,15 @@ proc keep_received {destination} {
 #   on_line  procedure that gets each line of text it writes
 # Returns its exit code.
 proc run_client {limit input output prompt password on_line client} {
-    global spawn_id stty_init env
+    global spawn_id stty_init env launcher
     array unset env *
     array set env {PATH /usr/bin:/bin LC_ALL C HOME /nonexistent TERM dumb}
     set stty_init "-echo -opost"
-    set launcher "output=\$1; shift; exec \"\$@\" >\"\$output\" <<end\n\$0\nend\n"
+    set words [list $input $output timeout --kill-after=1 $limit {*}$client]
     set timeout -1
     set answered false
 
-    spawn -noecho /bin/sh -c $launcher $input $output timeout --kill-after=1 $limit {*}$client
+    spawn -noecho /bin/sh -c $launcher {*}[lmap word $words {octal $word}]
     expect {
         -re {^[^\r\n]*[\r\n]+} {
             $on_line [string trimright $expect_out(0,string) \r\n]

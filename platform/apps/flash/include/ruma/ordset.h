@@ -11,7 +11,8 @@
 extern "C" {
 #endif
 
-/* A set. All-zero bytes are an empty set that only ordset_size and ordset_create accept. */
+/* A set. All-zero bytes are an empty set, into which nothing can be inserted before
+ * ordset_create. */
 struct ordset {
     void *tree; /* the container's own */
 };
