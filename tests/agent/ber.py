@@ -166,7 +166,9 @@ def parse(data: bytes) -> Packet:
     for _, pair in _elements(bindings):
         (_, name), (value_tag, value) = _elements(pair)
         variables.append(Variable(_name(name), value_tag, value))
-    number = [int.from_bytes(field, "big", signed=True) for field in (request_id, error, error_index)]
+    number = [
+        int.from_bytes(field, "big", signed=True) for field in (request_id, error, error_index)
+    ]
     return Packet(kind, *number, variables)
 
 

@@ -22,6 +22,12 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ORVEX_BUILD_DIR", REPOSITORY / "build" / "release")).resolve()
 LIBRARIES = BUILD / "lib"
 PROGRAMS = BUILD / "bin"
+REQUIRED = (
+    LIBRARIES / "ruma_agent.so",
+    LIBRARIES / "orvex_flash_mib.so",
+    PROGRAMS / "fs_daemon",
+    PROGRAMS / "ruma-trace",
+)
 
 ROOT = ".1.3.6.1.4.1.32473.1.1"
 SCALAR = f"{ROOT}.1.1.1.0"
@@ -174,6 +180,9 @@ class Host:
     """One device: configuration, file systems, daemon, agent, and the tools pointed at it."""
 
     def __init__(self):
+        for program in REQUIRED:
+            assert program.exists(), f"{program} is missing: build it first"
+        assert os.geteuid() == 0, "port 69 and mounts of their own: run these tests as root"
         self.address = ADDRESSES.take()
         # Short, because Unix sockets lie below it.
         self.directory = Path(tempfile.mkdtemp(prefix="orvex-"))
@@ -186,6 +195,7 @@ class Host:
             self.flash(scheme).mkdir()
         self.agent_directives = []
         self.agent_user = None  # root
+        self.agent_environment = {}
         self.agent = None
         self.daemon = None
         self._others = contextlib.ExitStack()
@@ -258,10 +268,11 @@ class Host:
             self.agent_log.touch()
             shutil.chown(self.agent_log, self.agent_user)
         command += [f"udp:{self.address}:{AGENT_PORT}"]
-        self.agent = Process(
-            command, self.directory / "snmpd.out", self.work_dir, self.environment
-        )
+        environment = self.environment | self.agent_environment
+        self.agent = Process(command, self.directory / "snmpd.out", self.work_dir, environment)
         wait_for(self._agent_answers, "the agent answers", timeout=10)
+        # The agent only logs that a module cannot be loaded.
+        assert "dlopen" not in self.agent_log.read_text(), self.logs()
         assert self.value(SCALAR) == 1, f"the module does not answer\n{self.logs()}"
 
     def _agent_answers(self) -> bool:
@@ -287,7 +298,9 @@ class Host:
         wait_for(self._agent_answers, "the agent answers after a reload")
 
     def _reloads(self) -> int:
-        return self.agent_log.read_text(encoding="utf-8", errors="replace").count("NET-SNMP version")
+        return self.agent_log.read_text(encoding="utf-8", errors="replace").count(
+            "NET-SNMP version"
+        )
 
     def stop(self) -> None:
         """Ends the agent and the daemon."""
@@ -329,8 +342,11 @@ class Host:
         """What the agent and the daemon have said, for the report of a failed test."""
         names = ("snmpd.log", "snmpd.out", "fs_daemon.out")
         paths = [self.directory / name for name in names]
-        texts = [f"--- {path.name}\n{path.read_text(errors='replace')[-6000:]}"
-                 for path in paths if path.exists()]
+        texts = [
+            f"--- {path.name}\n{path.read_text(errors='replace')[-6000:]}"
+            for path in paths
+            if path.exists()
+        ]
         return "\n".join(texts)
 
     def trace(self) -> list:
@@ -350,6 +366,12 @@ class Host:
         """The copies that the module has recorded, as the event history tells it."""
         return [line for line in self.trace() if "Copy is done with status" in line]
 
+    def errors(self) -> list:
+        """The platform error codes in the agent's error log."""
+        log = self.run_dir / "snmp-errors.log"
+        lines = log.read_text(encoding="ascii").splitlines() if log.exists() else []
+        return [line.split(", ")[1] for line in lines]
+
     # --- The stock tools
 
     def tool(self, name, *arguments, timeout=60, version="2c") -> str:
@@ -358,8 +380,13 @@ class Host:
         command = [name, f"-v{version}", "-c", COMMUNITY, "-t", "10", "-r", "0", "-On", "-Oe"]
         command += ["-OU", "-m", "", f"{self.address}:{AGENT_PORT}", *map(str, arguments)]
         run = subprocess.run(
-            command, capture_output=True, text=True, errors="surrogateescape",
-            env=self.environment, timeout=timeout, check=False,
+            command,
+            capture_output=True,
+            text=True,
+            errors="surrogateescape",
+            env=self.environment,
+            timeout=timeout,
+            check=False,
         )
         if run.returncode != 0:
             raise ToolError(run.stdout + run.stderr)
@@ -481,7 +508,15 @@ def udp_port_taken(host, port) -> bool:
 
 
 def copy_columns(
-    row, *, server, source, destination, command=1, protocol=1, notify=FALSE, user=None,
+    row,
+    *,
+    server,
+    source,
+    destination,
+    command=1,
+    protocol=1,
+    notify=FALSE,
+    user=None,
     password=None,
 ):
     """The columns of a copy row as pairs for a SET; None leaves one out."""
@@ -495,7 +530,9 @@ def copy_columns(
         (CopyColumn.PASSWORD, password, lambda text: ber.octets(text.encode())),
         (CopyColumn.NOTIFY, notify, ber.integer),
     ]
-    return [(f"{name}.{row}", encode(value)) for name, value, encode in columns if value is not None]
+    return [
+        (f"{name}.{row}", encode(value)) for name, value, encode in columns if value is not None
+    ]
 
 
 class TrapReceiver:

@@ -356,9 +356,9 @@ DROPPED = {
 def test_malformed_value_is_dropped(shared_host, name):
     row = create_row(shared_host, CopyColumn.SERVER, NOT_READY)
     before = read_row(shared_host, CopyColumn.SERVER, row)
-    assert shared_host.sender.set(
-        (f"{CopyColumn.SERVER}.{row}", DROPPED[name]), timeout=0.2
-    ) is None
+    assert (
+        shared_host.sender.set((f"{CopyColumn.SERVER}.{row}", DROPPED[name]), timeout=0.2) is None
+    )
     assert read_row(shared_host, CopyColumn.SERVER, row) == before
 
 

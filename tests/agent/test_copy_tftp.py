@@ -36,8 +36,8 @@ from harness import (
 from tftp_server import TftpServer
 
 INVALID_COMMAND, INVALID_PROTOCOL, INVALID_SOURCE, INVALID_DESTINATION = 3, 4, 5, 6
-BUSY, DEVICE_FULL, TRANSFER_ERROR = 8, 12, 14
-TO_FLASH, TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 1, 2, 3
+DEVICE_FULL, TRANSFER_ERROR = 12, 14
+TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 2, 3
 SNMP_TRAP_OID = "1.3.6.1.6.3.1.1.4.1.0"
 PROTOCOL_TIME_LIMIT = 20
 
@@ -138,9 +138,7 @@ def test_put_of_every_size_is_complete(host):
 def test_put_without_destination_name_keeps_the_name_of_the_file(host):
     host.start_atftpd()
     (host.flash() / "running.cfg").write_bytes(CONTENT)
-    status = host.copy(
-        3, command=FROM_FLASH, source="bootflash:running.cfg", destination=None
-    )
+    status = host.copy(3, command=FROM_FLASH, source="bootflash:running.cfg", destination=None)
     assert status == SUCCESS
     assert (host.server_dir / "running.cfg").read_bytes() == CONTENT
     assert not (host.work_dir / "running.cfg").exists()
@@ -203,9 +201,16 @@ def test_server_that_stalls_is_a_transfer_error_within_the_time_limit(host):
     assert list(host.flash().iterdir()) == []
 
 
-@pytest.mark.parametrize("code, status", [(0, TRANSFER_ERROR), (1, INVALID_SOURCE),
-                                          (2, TRANSFER_ERROR), (3, DEVICE_FULL),
-                                          (6, TRANSFER_ERROR)])
+@pytest.mark.parametrize(
+    "code, status",
+    [
+        (0, TRANSFER_ERROR),
+        (1, INVALID_SOURCE),
+        (2, TRANSFER_ERROR),
+        (3, DEVICE_FULL),
+        (6, TRANSFER_ERROR),
+    ],
+)
 def test_error_of_the_server_in_mid_transfer_ends_the_copy(host, code, status):
     host.enter(TftpServer(host.address, {"image.bin": CONTENT}, error_at=(5, code)))
     (host.flash() / "image.bin").write_bytes(b"old")
@@ -270,28 +275,41 @@ def test_full_disk_while_staging_is_a_transfer_error(idle_host):
 REFUSALS = {
     "rcp is answered as a finished line-card copy": (dict(protocol=2), ber.NO_ERROR, SUCCESS),
     "copy without erase": (
-        dict(command=TO_FLASH_WITHOUT_ERASE), ber.WRONG_VALUE, INVALID_COMMAND,
+        dict(command=TO_FLASH_WITHOUT_ERASE),
+        ber.WRONG_VALUE,
+        INVALID_COMMAND,
     ),
     "copy from the flash log": (dict(command=4), ber.WRONG_VALUE, INVALID_COMMAND),
     "no server address": (dict(server="0.0.0.0"), ber.INCONSISTENT_VALUE, INVALID_PROTOCOL),
     "no source name": (dict(source=None), ber.INCONSISTENT_VALUE, INVALID_PROTOCOL),
     "directory as destination": (
-        dict(destination="bootflash:"), ber.GEN_ERR, INVALID_DESTINATION,
+        dict(destination="bootflash:"),
+        ber.GEN_ERR,
+        INVALID_DESTINATION,
     ),
     "subdirectory as destination": (
-        dict(destination="bootflash:directory"), ber.GEN_ERR, INVALID_DESTINATION,
+        dict(destination="bootflash:directory"),
+        ber.GEN_ERR,
+        INVALID_DESTINATION,
     ),
     "unknown scheme of the destination": (
-        dict(destination="floppy:image.bin"), ber.GEN_ERR, INVALID_DESTINATION,
+        dict(destination="floppy:image.bin"),
+        ber.GEN_ERR,
+        INVALID_DESTINATION,
     ),
     "destination outside the file system": (
-        dict(destination="bootflash:../escaped"), ber.GEN_ERR, INVALID_DESTINATION,
+        dict(destination="bootflash:../escaped"),
+        ber.GEN_ERR,
+        INVALID_DESTINATION,
     ),
     "unknown scheme of the source": (
-        dict(command=FROM_FLASH, source="floppy:image.bin"), ber.GEN_ERR, INVALID_SOURCE,
+        dict(command=FROM_FLASH, source="floppy:image.bin"),
+        ber.GEN_ERR,
+        INVALID_SOURCE,
     ),
     "source outside the file system": (
-        dict(command=FROM_FLASH, source="bootflash:../platform.toml"), ber.GEN_ERR,
+        dict(command=FROM_FLASH, source="bootflash:../platform.toml"),
+        ber.GEN_ERR,
         INVALID_SOURCE,
     ),
 }
@@ -314,6 +332,26 @@ def test_refused_copy_says_why_and_starts_nothing(shared_host, name):
     assert live_children(shared_host.agent.pid) == []
 
 
+@pytest.mark.parametrize(
+    "columns, code",
+    [
+        (dict(destination="bootflash:../escaped"), "0x4049001d"),
+        (dict(command=FROM_FLASH, source="bootflash:../escaped"), "0x4049001c"),
+    ],
+)
+def test_refused_file_name_is_in_the_error_log(host, columns, code):
+    names = dict(source="image.bin", destination="bootflash:image.bin")
+    host.create_copy(1, **(names | columns))
+    assert host.activate(1) == ber.GEN_ERR
+    assert host.errors() == [code]
+
+
+def test_unsupported_protocol_is_in_the_error_log(host):
+    host.create_copy(1, source="image.bin", destination="bootflash:image.bin")
+    assert host.set((f"{CopyColumn.PROTOCOL}.1", ber.integer(7))) == ber.GEN_ERR
+    assert host.errors() == ["0x4049003c"]
+
+
 # --- One copy at a time
 
 
@@ -323,6 +361,7 @@ def test_active_while_another_copy_runs_is_a_general_error(host, slow_copy):
     assert host.activate(8) == ber.GEN_ERR
     assert live_children(host.agent.pid) == before
     assert host.copy_status(8) == NEW_ROW
+    assert host.errors() == ["0x4049003e"]
     slow_copy.release()
     assert host.finish_copy(7) == SUCCESS
 

@@ -35,10 +35,13 @@ def test_file_is_deleted(host):
 def test_create_and_go_deletes_at_once(host):
     path = host.flash("slot0") / "old.bin"
     path.write_bytes(b"old")
-    assert host.set(
-        (f"{MiscColumn.ROW}.5", ber.integer(CREATE_AND_GO)),
-        (f"{MiscColumn.NAME}.5", ber.octets(b"slot0:old.bin")),
-    ) == ber.NO_ERROR
+    assert (
+        host.set(
+            (f"{MiscColumn.ROW}.5", ber.integer(CREATE_AND_GO)),
+            (f"{MiscColumn.NAME}.5", ber.octets(b"slot0:old.bin")),
+        )
+        == ber.NO_ERROR
+    )
     assert host.value(f"{MiscColumn.STATUS}.5") == SUCCESS
     assert not path.exists()
 
@@ -64,8 +67,13 @@ def test_directory_is_not_deleted(host):
 @pytest.mark.parametrize(
     "name",
     [
-        b"floppy:file", b"file", b"bootflash:../platform.toml", b"bootflash:sub/../../platform.toml",
-        b"bootflash:/../platform.toml", b"bootflash:link/file", b"log:messages",
+        b"floppy:file",
+        b"file",
+        b"bootflash:../platform.toml",
+        b"bootflash:sub/../../platform.toml",
+        b"bootflash:/../platform.toml",
+        b"bootflash:link/file",
+        b"log:messages",
     ],
 )
 def test_name_that_does_not_resolve_deletes_nothing(host, name):

@@ -126,14 +126,22 @@ def test_getnext_before_the_scalar_gives_the_scalar(shared_host):
 
 def test_types_are_those_of_the_mib(inventory):
     gauge, integer, text, counter = (
-        ber.UNSIGNED32, ber.INTEGER, ber.OCTET_STRING, ber.COUNTER64,
+        ber.UNSIGNED32,
+        ber.INTEGER,
+        ber.OCTET_STRING,
+        ber.COUNTER64,
     )
     wanted = {
         DEVICE: dict(zip(DEVICE_COLUMNS, [gauge] * 4 + [integer, text, text, counter])),
-        PARTITION: dict(zip(
-            PARTITION_COLUMNS,
-            [integer] * 2 + [gauge] * 3 + [integer] * 3 + [text, integer, integer, counter, counter],
-        )),
+        PARTITION: dict(
+            zip(
+                PARTITION_COLUMNS,
+                [integer] * 2
+                + [gauge] * 3
+                + [integer] * 3
+                + [text, integer, integer, counter, counter],
+            )
+        ),
         FILE: dict(zip(FILE_COLUMNS, [gauge, text, integer, text, integer, text])),
     }
     instance = {DEVICE: "1", PARTITION: "1.1", FILE: files(inventory)["bootflash:empty"]}
@@ -223,7 +231,14 @@ def test_device_values_are_those_of_the_file_system(card):
     values = card.values(*(f"{DEVICE}.{column}.2" for column in DEVICE_COLUMNS))
     size, free = sizes.f_blocks * sizes.f_frsize, sizes.f_bavail * sizes.f_frsize
     assert values == [
-        size, free, sizes.f_frsize, 1, TRUE, b"slot0", b"Test slot0", size,
+        size,
+        free,
+        sizes.f_frsize,
+        1,
+        TRUE,
+        b"slot0",
+        b"Test slot0",
+        size,
     ]
 
 
@@ -234,8 +249,19 @@ def test_partition_values_are_those_of_the_file_system(card):
     used = sizes.f_blocks - sizes.f_bfree
     percent = -(-used * 100 // (used + sizes.f_bavail))
     assert values == [
-        UP, TMPFS, size, free, sizes.f_frsize, 1, sizes.f_namemax, percent, b"slot0", FALSE, TRUE,
-        size, free,
+        UP,
+        TMPFS,
+        size,
+        free,
+        sizes.f_frsize,
+        1,
+        sizes.f_namemax,
+        percent,
+        b"slot0",
+        FALSE,
+        TRUE,
+        size,
+        free,
     ]
 
 
@@ -294,7 +320,12 @@ def test_file_values_are_those_of_the_file(inventory, scheme, name, kind):
     values = inventory.values(*(f"{FILE}.{column}.{instance}" for column in FILE_COLUMNS))
     last = name.rpartition("/")[2].encode()[:32]
     assert values == [
-        path.stat().st_size, last, VALID, name.encode(), kind, date_and_time(path),
+        path.stat().st_size,
+        last,
+        VALID,
+        name.encode(),
+        kind,
+        date_and_time(path),
     ]
 
 
@@ -334,7 +365,8 @@ def test_changed_file_is_seen_at_once(inventory):
     path.write_bytes(b"x" * 6000)
     os.utime(path, (1_000_000_000, 1_000_000_000))
     assert inventory.values(f"{FILE}.2.{instance}", f"{FILE}.7.{instance}") == [
-        6000, date_and_time(path),
+        6000,
+        date_and_time(path),
     ]
 
 

@@ -42,7 +42,9 @@ packet = struct.pack("=IIII", {magic}, {version}, {opcode}, len(payload)) + payl
 with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
     for _ in range(times):
         sender.sendto(packet, path)
-""".format(magic=PMB_MAGIC, version=PMB_VERSION, opcode=STATUS_OPCODE)
+""".format(
+    magic=PMB_MAGIC, version=PMB_VERSION, opcode=STATUS_OPCODE
+)
 
 
 def send_status(host, status, row, times=1, user=None):
@@ -269,8 +271,18 @@ def test_doubled_status_message_is_notified_once(idle_host):
         struct.pack("=IIIIiii", PMB_MAGIC, PMB_VERSION, STATUS_OPCODE, 12, 2, 7, -1),
         struct.pack("=IIII", PMB_MAGIC, PMB_VERSION, STATUS_OPCODE, 12) + b"\0" * 8000,
     ],
-    ids=["empty", "one byte", "zeros", "no payload", "length 0", "short", "other opcode",
-         "process 1", "process -1", "long"],
+    ids=[
+        "empty",
+        "one byte",
+        "zeros",
+        "no payload",
+        "length 0",
+        "short",
+        "other opcode",
+        "process 1",
+        "process -1",
+        "long",
+    ],
 )
 def test_malformed_status_message_is_dropped_and_counted(host, packet):
     server = start_held_copy(host)

@@ -44,7 +44,17 @@ def read(host, columns, row):
 def test_new_copy_row_has_the_defaults(host):
     create(host, CopyColumn.ROW, 5)
     assert read(host, COPY_COLUMNS, 5) == [
-        1, 1, "255.255.255.255", b"", b"", b"", NEW_ROW, FALSE, 0, NOT_READY, b"",
+        1,
+        1,
+        "255.255.255.255",
+        b"",
+        b"",
+        b"",
+        NEW_ROW,
+        FALSE,
+        0,
+        NOT_READY,
+        b"",
     ]
 
 
@@ -61,7 +71,17 @@ def test_columns_of_a_copy_row_read_back(host):
     host.snmpset(f"{CopyColumn.DESTINATION}.5", "x", "00FF")  # ends at its NUL
     host.snmpset(f"{CopyColumn.PASSWORD}.5", "s", "secret")
     assert read(host, COPY_COLUMNS, 5) == [
-        3, 6, "192.0.2.7", b"slot0:a b", b"", b"joe", NEW_ROW, TRUE, 0, NOT_READY, b"",
+        3,
+        6,
+        "192.0.2.7",
+        b"slot0:a b",
+        b"",
+        b"joe",
+        NEW_ROW,
+        TRUE,
+        0,
+        NOT_READY,
+        b"",
     ]
 
 
@@ -85,7 +105,9 @@ def test_password_is_stored_escaped(host, password, stored):
     # The viewer shows each backslash as two.
     create(host, CopyColumn.ROW, 5)
     assert host.set((f"{CopyColumn.PASSWORD}.5", ber.octets(password))) == ber.NO_ERROR
-    assert [line for line in host.trace() if line.endswith(f"The final password string is {stored}")]
+    assert [
+        line for line in host.trace() if line.endswith(f"The final password string is {stored}")
+    ]
 
 
 def test_rows_are_independent_of_each_other(host):
@@ -304,8 +326,10 @@ def test_row_and_columns_in_one_request(host, order):
     if order == "row status last":
         pairs.reverse()
     assert host.set(*pairs) == ber.NO_ERROR
-    names = [f"{column}.5" for column in (
-        CopyColumn.ROW, CopyColumn.SOURCE, CopyColumn.SERVER, CopyColumn.PROTOCOL)]
+    names = [
+        f"{column}.5"
+        for column in (CopyColumn.ROW, CopyColumn.SOURCE, CopyColumn.SERVER, CopyColumn.PROTOCOL)
+    ]
     assert host.values(*names) == [NOT_READY, b"name", "192.0.2.7", 4]
 
 
@@ -382,6 +406,9 @@ def test_refused_request_puts_the_destination_name_back_without_its_last_charact
 def test_refused_request_does_not_touch_an_active_row(host):
     prepare_row(host, CopyColumn, ACTIVE)
     before = read(host, COPY_COLUMNS, 5)
-    pairs = [(f"{CopyColumn.COMMAND}.5", ber.integer(3)), (f"{CopyColumn.SOURCE}.5", ber.octets(b"x"))]
+    pairs = [
+        (f"{CopyColumn.COMMAND}.5", ber.integer(3)),
+        (f"{CopyColumn.SOURCE}.5", ber.octets(b"x")),
+    ]
     assert host.set(*pairs) == ber.INCONSISTENT_VALUE
     assert read(host, COPY_COLUMNS, 5) == before
