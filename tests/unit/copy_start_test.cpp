@@ -335,9 +335,8 @@ TEST_F(CopyStartTest, TheWorkerDoesNotTraceTheAgentsSide) {
 
 // What the worker tells the test: memory that both share, since its descriptors are closed.
 struct Shared {
-    std::atomic<int> reached;      // times the transfer was reached
-    std::atomic<int> messages;     // times a message was sent
-    std::atomic<int> script_group; // process group of the script's processes
+    std::atomic<int> reached;  // times the transfer was reached
+    std::atomic<int> messages; // times a message was sent
     int32_t sent[3];
     pid_t process;
     pid_t group;
@@ -467,14 +466,16 @@ class WorkerTest : public fakes::FlashTest {
             },
             limit);
     }
-    // Leaves no process of a failed test behind.
-    void end_workers() {
-        for (const pid_t group : {static_cast<pid_t>(flash_copy_pid), shared->script_group.load()})
-            if (group > 1 && group != getpgrp() && __real_kill(-group, 0) == 0)
-                __real_kill(-group, SIGKILL);
-        if (flash_copy_pid > 1)
-            __real_kill(flash_copy_pid, SIGKILL);
-        await([] { return __real_waitpid(-1, nullptr, WNOHANG) < 0; });
+    // Leaves no process of a failed test behind: orphans have come to this process too.
+    static void end_workers() {
+        await([] {
+            std::ifstream list("/proc/thread-self/children");
+            for (pid_t process = 0; list >> process;)
+                __real_kill(process, SIGKILL);
+            while (__real_waitpid(-1, nullptr, WNOHANG) > 0) {
+            }
+            return __real_waitpid(-1, nullptr, WNOHANG) < 0;
+        });
     }
 
     Shared *shared = nullptr;
@@ -695,7 +696,6 @@ class AbortedWorkerTest : public WorkerTest {
         WorkerTest::SetUp();
         os().kill.passes_through();
         os().system.does([this](const char *) {
-            shared->script_group = getpgrp();
             ++shared->reached;
             return __real_system("sleep 1000 & sleep 1000");
         });

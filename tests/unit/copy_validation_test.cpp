@@ -114,7 +114,7 @@ TEST_F(RulesTest, ARowWithoutFaultPasses) {
             }
 }
 
-// Rules 2 to 5, which overwrite one another.
+// Commands and protocols: refusals that overwrite one another
 
 struct Refusal {
     int32_t command;
@@ -161,7 +161,7 @@ TEST_F(RulesTest, AnUnknownCommandWithoutFaultPasses) {
     }
 }
 
-// Rule 6: mandatory objects
+// Mandatory objects
 
 struct Missing {
     const char *what;
@@ -238,7 +238,7 @@ TEST_F(RulesTest, AMissingObjectOfAnActiveRowOverwritesARefusalOfTheCommand) {
     EXPECT_EQ(rule_traces(), joined({log_refusal}));
 }
 
-// Rule 7: the destination of commands 1 and 2
+// The destination of commands 1 and 2
 
 const char *text_of(int32_t code) {
     static std::string text;
@@ -322,7 +322,7 @@ TEST_F(BadNameTest, TheWholeErrorRecordIsClearedForABadDestination) {
     EXPECT_EQ(std::memcmp(&platform().errors[1], &expected, sizeof expected), 0);
 }
 
-// Rules 8 and 9: the source of command 3
+// The source of command 3
 
 TEST_F(BadNameTest, AnInactiveRowWithABadSourceIsNotReady) {
     for (int32_t state : inactive_states) {
