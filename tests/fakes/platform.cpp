@@ -18,7 +18,7 @@ struct Line {
 
 // The record of one test, in the order of the calls.
 std::vector<Line> &lines() {
-    static std::vector<Line> all;
+    static auto &all = *new std::vector<Line>; // never destroyed: calls come until the end
     return all;
 }
 
@@ -38,7 +38,7 @@ struct Tree {
 
 // Trees by their set: they outlive a reset, as the sets do.
 std::map<const ordset *, Tree> &trees() {
-    static std::map<const ordset *, Tree> all;
+    static auto &all = *new std::map<const ordset *, Tree>;
     return all;
 }
 
@@ -188,7 +188,7 @@ Platform::Platform()
       }) {}
 
 Platform &platform() {
-    static Platform instance;
+    static auto &instance = *new Platform;
     return instance;
 }
 

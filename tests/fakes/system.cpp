@@ -11,6 +11,7 @@
 extern "C" {
 pid_t __real_fork(void);
 [[noreturn]] void __real__exit(int code);
+__attribute__((weak)) void __gcov_dump(void);
 pid_t __real_waitpid(pid_t pid, int *status, int options);
 int __real_kill(pid_t pid, int signal);
 int __real_system(const char *command);
@@ -43,11 +44,11 @@ jmp_buf child_end;
 int child_code = 0;
 
 std::set<void *> &watched_responses() {
-    static std::set<void *> all;
+    static auto &all = *new std::set<void *>;
     return all;
 }
 std::set<void *> &watched_by_test() {
-    static std::set<void *> all;
+    static auto &all = *new std::set<void *>;
     return all;
 }
 bool responses_watched = false;
@@ -82,7 +83,7 @@ System::System()
       snmp_get_do_debugging([] { return 0; }) {}
 
 System &os() {
-    static System instance;
+    static auto &instance = *new System;
     return instance;
 }
 
@@ -200,8 +201,12 @@ pid_t __wrap_fork(void) {
 }
 
 [[noreturn]] void __wrap__exit(int code) {
-    if (!fakes::in_child)
+    if (!fakes::in_child) {
+        // A measured child leaves its counts behind.
+        if (__gcov_dump != nullptr)
+            __gcov_dump();
         __real__exit(code);
+    }
     record(Kind::call, "_exit code=%d", code);
     fakes::child_code = code;
     longjmp(fakes::child_end, 1);
