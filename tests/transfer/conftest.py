@@ -4,7 +4,7 @@ import pytest
 from servers import Account, Forwarder, FtpServer, SshServer, wait_until
 from transfers import Client
 
-# What a server with an awkward password has: 40 characters that are all escaped on their way.
+# 40 characters that are all escaped on their way.
 AWKWARD = '\\[]"$' * 8
 
 

@@ -75,7 +75,7 @@ class Server:
         name = self.account.name
         hashed = subprocess.run(
             ["openssl", "passwd", "-6", "-stdin"],
-            input=self.account.password.encode(),
+            input=self.account.password.encode(errors="surrogateescape"),
             stdout=subprocess.PIPE,
             check=True,
         ).stdout.decode()
@@ -87,7 +87,7 @@ class Server:
             accounts = pathlib.Path("/etc", path).read_text() + line
             (self.directory / path).write_text(accounts)
         (self.directory / "pam").write_text(
-            "auth required pam_unix.so\naccount required pam_unix.so\n"
+            "auth required pam_unix.so nodelay\naccount required pam_unix.so\n"
             "session required pam_permit.so\n"
         )
 
@@ -169,6 +169,7 @@ class FtpServer(Server):
             "pam_service_name": "vsftpd",
             "secure_chroot_dir": "/run/empty",
             "xferlog_enable": "NO",
+            "delay_failed_login": "0",
         } | settings
 
     def command(self):

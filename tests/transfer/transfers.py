@@ -42,7 +42,7 @@ class Client:
     """The device's end: runs scripts with a run directory and a directory for files of its own."""
 
     def __init__(self, directory):
-        self.run_directory = directory / "run"
+        self.run_directory = directory / "run %d of ours"
         self.files = directory / "flash"
         self.run_directory.mkdir()
         self.files.mkdir()
@@ -51,16 +51,17 @@ class Client:
     def arguments(self, protocol, server, verb, source, destination, password=None, limit=60,
                   address=None):
         password = escaped_in_argument(password or server.account.password)
+        address = server.address if address is None else address
         script, *arguments = ARGUMENTS[protocol](
-            address or server.address, server.account.name, password, verb, source, destination,
-            str(limit),
+            address, server.account.name, password, verb, source, destination, str(limit)
         )
         return [SCRIPTS / script, *arguments]
 
-    def start(self, arguments, **options):
+    def start(self, arguments, environment=(), **options):
         return subprocess.Popen(
             arguments,
-            env={"PATH": os.environ["PATH"], "RUMA_RUN_DIR": str(self.run_directory)},
+            env={"PATH": os.environ["PATH"], "RUMA_RUN_DIR": str(self.run_directory)}
+            | dict(environment),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -70,15 +71,22 @@ class Client:
     def run(self, *arguments, **options):
         return self.finish(self.start(self.arguments(*arguments, **options)))
 
+    def run_by_shell(self, *arguments, password):
+        """Runs a script by the command line that the module composes."""
+        arguments = [os.fsdecode(each) for each in self.arguments(*arguments, password="PASSWORD")]
+        quoted = f'"{escaped_by_module(password)}"'
+        line = " ".join(arguments).replace("PASSWORD", quoted)
+        return self.finish(self.start(["/bin/sh", "-c", line]))
+
     def get(self, protocol, server, source, destination, **options):
         return self.run(protocol, server, "get", source, destination, **options)
 
     def put(self, protocol, server, source, destination, **options):
         return self.run(protocol, server, "put", source, destination, **options)
 
-    def finish(self, process, timeout=60):
+    def finish(self, process):
         """Waits for a script; returns its exit code. It has written at most one line."""
-        self.output, self.errors = process.communicate(timeout=timeout)
+        self.output, self.errors = process.communicate(timeout=60)
         assert self.output == b""
         assert self.errors.count(b"\n") == (process.returncode != 0), self.errors
         return process.returncode
