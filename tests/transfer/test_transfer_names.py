@@ -63,8 +63,10 @@ def test_a_server_name_is_not_an_option_or_a_command(client, protocol, server, a
     assert client.put(protocol, server, client.files / "source", "x", address=address) == FAILED
 
 
-@pytest.mark.parametrize("account", ["-oProxyCommand=touch${IFS}run", "[open run w]", '"$(touch run)'])
-def test_an_account_name_is_not_evaluated(client, protocol, server, account, tmp_path):
+@pytest.mark.parametrize(
+    "account", ["-oProxyCommand=touch${IFS}run", "[open run w]", '"$(touch run)']
+)
+def test_an_account_name_is_not_evaluated(client, protocol, server, account):
     arguments = client.arguments(protocol, server, "get", "x", client.files / "x")
     arguments[1:] = [os.fsdecode(each).replace(server.account.name, account)
                      for each in arguments[1:]]
