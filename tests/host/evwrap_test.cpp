@@ -281,7 +281,8 @@ TEST_F(HistoryTest, AFileThatIsNotPrivatelyOursIsRefused) {
 
 TEST_F(HistoryTest, AFileOfAnotherLayoutIsReplacedByAWriterAndRefusedByAViewer) {
     for (const std::string &content :
-         {std::string(), std::string("short"), std::string(fs::file_size(path), 'x')}) {
+         {std::string(), std::string("short"),
+          std::string(static_cast<size_t>(fs::file_size(path)), 'x')}) {
         fs::remove(path);
         write_file(path, content);
         ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
