@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <net-snmp/library/snmp_logging.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -32,13 +33,17 @@ int32_t flash_copy_pid;
 
 namespace {
 
+// The worker reaped last: its process id may belong to anybody now.
+pid_t reapedWorker;
+
 // --- The worker's surroundings -------------------------------------------------------------------
 
 // Passes the signal on to the transfer's processes; restored to its default, it then ends the
 // worker itself.
 void end_process_group(int signal) {
     std::signal(signal, SIG_DFL);
-    kill(0, signal);
+    const pid_t self = getpid();
+    kill(getpgrp() == self ? 0 : self, signal); // never the agent's group
 }
 
 // The agent's handlers mean nothing in the worker, and its dispositions would keep an abort from
@@ -65,9 +70,8 @@ void close_span(int first, int last) {
 }
 
 // Closes what the worker inherited but for standard streams, the pipe and the agent's log files: an
-// inherited socket would keep the agent's port busy. The log files are opened afresh, so that they
-// are closed again at exec; whatever else the logging library held open it must forget, or it would
-// write into a descriptor of the transfer.
+// inherited socket would keep the agent's port busy. Whatever else the logging library holds open
+// it must forget, or it would write into a descriptor of the transfer.
 void close_inherited_descriptors() {
     constexpr std::size_t most = 16;
     int keep[most + 2] = {mypipe[0], mypipe[1]};
@@ -77,9 +81,9 @@ void close_inherited_descriptors() {
     for (netsnmp_log_handler *log = get_logh_head(); log != nullptr; log = log->next) {
         if (log->type != NETSNMP_LOGHANDLER_FILE || log->magic == nullptr)
             continue;
-        auto *file = static_cast<std::FILE *>(log->magic);
-        if (kept < most + 2 && std::freopen(log->token, "ae", file) != nullptr)
-            keep[kept++] = fileno(file);
+        const int descriptor = fileno(static_cast<std::FILE *>(log->magic));
+        if (kept < most + 2 && fcntl(descriptor, F_SETFD, FD_CLOEXEC) == 0)
+            keep[kept++] = descriptor;
         else
             log->enabled = 0;
     }
@@ -119,7 +123,7 @@ void make_readable(const char *path, const char *protocol) {
 
 // A result of the TFTP client: an error of this side or of the server's, by its errno.
 int32_t tftp_status(int result) {
-    int error = -result;
+    int64_t error = -static_cast<int64_t>(result);
     if (error > 100)
         error -= 100;
     switch (error) {
@@ -183,7 +187,7 @@ int stage(const flashCopyEntry *entry) {
     }
     char command[sizeof entry->sourcePath + sizeof "cp  ."];
     std::snprintf(command, sizeof command, "cp %s .", entry->sourcePath);
-    // A cp that fails goes unnoticed here, deliberately; the client then finds no file to send.
+    // A cp that fails goes unnoticed, deliberately: what stands under the name then is sent.
     return std::system(command) < 0 ? -1 : 0;
 }
 
@@ -253,8 +257,12 @@ int32_t transfer_by_tftp(int32_t direction, const char *server, flashCopyEntry *
     }
 }
 
-// Longer than any command line: a script, an address, two names, a path, a password.
+// Longer than any command line: a script and its fixed arguments, an address, the row's fields.
 constexpr std::size_t commandSize = 1280;
+static_assert(commandSize >
+              64 + INET_ADDRSTRLEN + sizeof(flashCopyEntry::sourceName) +
+                  sizeof(flashCopyEntry::destinationName) + sizeof(flashCopyEntry::remoteUserName) +
+                  sizeof(flashCopyEntry::sourcePath) + sizeof(flashCopyEntry::password));
 
 // The fields of a command line that a script takes, in the script's own order.
 struct Fields {
@@ -437,6 +445,11 @@ flashTimestamp now() {
     return {static_cast<int32_t>(time.tv_sec), static_cast<int32_t>(time.tv_usec)};
 }
 
+// Seconds from one time to another in the rows' width, right across the wrap of 2038.
+int32_t seconds_between(int32_t from, std::time_t until) {
+    return static_cast<int32_t>(static_cast<uint32_t>(until) - static_cast<uint32_t>(from));
+}
+
 // The agent's uptime at a time of day, in hundredths of a second.
 uint32_t uptime_at(const flashTimestamp &timestamp) {
     struct timeval time = {timestamp.seconds, timestamp.microseconds};
@@ -451,6 +464,8 @@ pid_t wait_for(int32_t worker) {
     do
         result = waitpid(worker, nullptr, 0);
     while (result == -1 && errno == EINTR);
+    if (result > 0)
+        reapedWorker = result;
     return result;
 }
 
@@ -464,6 +479,7 @@ int32_t start_flash_copy(flashCopyEntry *entry) {
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, &former);
     flash_copy_pid = fork();
+    reapedWorker = 0;
     if (flash_copy_pid == 0) {
         setpgid(0, 0);
         close_inherited_descriptors();
@@ -603,7 +619,7 @@ void handle_flash_copy_done(int32_t status, int32_t row, int32_t worker) {
 }
 
 int32_t handle_flash_abort(const flashCopyEntry *entry) {
-    if (entry->copyStatus == copyInProgress && flash_copy_pid > 0)
+    if (entry->copyStatus == copyInProgress && flash_copy_pid > 0 && flash_copy_pid != reapedWorker)
         kill(flash_copy_pid, SIGTERM);
     return 0;
 }
@@ -612,8 +628,8 @@ void flash_ageouttimerhandler(unsigned int, void *) {
     flashCopyEntry entry{};
     const std::time_t current = std::time(nullptr);
     while (getnextFlashCopyEntry(&entry) == success) {
-        const auto elapsed = static_cast<int>(std::difftime(current, entry.endTime));
-        if (elapsed > ageOutSeconds && entry.copyStatus != copyInProgress) {
+        if (seconds_between(entry.endTime, current) > ageOutSeconds &&
+            entry.copyStatus != copyInProgress) {
             flash_trace(traceDebug, "%s: Deleting the aged out entry %d\n",
                         "flash_ageouttimerhandler", entry.index);
             deleteFlashCopyEntry(&entry);

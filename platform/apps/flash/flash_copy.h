@@ -41,7 +41,8 @@ FLASH_API int handle_flash_copy_status(int major, int minor, void *message, void
 // which follows its message at once.
 FLASH_API void handle_flash_copy_done(int32_t status, int32_t row, int32_t worker);
 
-// Ends the worker of a row in progress. Returns 0.
+// When the row is in progress, sends SIGTERM to the worker that was forked last, whichever row it
+// serves, unless it has been reaped. Returns 0.
 FLASH_API int32_t handle_flash_abort(const flashCopyEntry *entry);
 
 // Alarm that deletes every copy row that ended, or was created and never started, more than 305

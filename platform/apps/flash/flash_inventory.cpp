@@ -67,11 +67,6 @@ u_char *counter(const flashCounter64 &value, size_t *var_len) {
     return reinterpret_cast<u_char *>(&holder);
 }
 
-u_char *unserved() {
-    snmp_set_detail("");
-    return nullptr;
-}
-
 void swap_words(void *record, std::size_t offset, std::size_t count) {
     char *bytes = static_cast<char *>(record) + offset;
     for (; count > 0; count--, bytes += sizeof(uint32_t)) {
@@ -120,7 +115,7 @@ u_char *get_orvexFlashDeviceTable(struct variable *vp, oid *name, size_t *length
     case magicDeviceCapacity:
         return counter(device.capacity, var_len);
     default:
-        return unserved();
+        return answer_unserved();
     }
 }
 
@@ -167,7 +162,7 @@ u_char *get_orvexFlashPartitionTable(struct variable *vp, oid *name, size_t *len
     case magicPartitionFreeCapacity:
         return counter(partition.freeCapacity, var_len);
     default:
-        return unserved();
+        return answer_unserved();
     }
 }
 
@@ -214,7 +209,7 @@ u_char *get_orvexFlashFileTable(struct variable *vp, oid *name, size_t *length, 
         *var_len = sizeof file.modified;
         return file.modified;
     default:
-        return unserved();
+        return answer_unserved();
     }
 }
 

@@ -81,7 +81,7 @@ int32_t get(Row *entry) {
         flash_trace(traceDebug, "%s: ordset_size returned 0\n", Table<Row>::get);
         return noSuchRow;
     }
-    const Row *stored = find(entry);
+    const auto *stored = static_cast<const Row *>(ordset_find(&store<Row>, entry, 0));
     if (stored == nullptr) {
         flash_trace(traceDebug, "%s: tmp_entry is NULL\n", Table<Row>::get);
         return noSuchRow;
@@ -314,11 +314,11 @@ u_char *get_orvexFlashCopyTable(struct variable *vp, oid *name, size_t *length, 
     }
 
     flashCopyEntry &row = answer<flashCopyEntry>;
-    const flashCopyEntry *stored = find(&row);
-    if (stored == nullptr) {
+    if (ordset_size(&store<flashCopyEntry>) == 0) {
         flash_trace(traceDebug, "flashCopyTable does not exist....\n");
         return nullptr;
     }
+    const void *stored = ordset_find(&store<flashCopyEntry>, &row, 0);
     switch (vp->magic) {
     case magicCopyCommand:
         return answer_word(row.command, var_len);
@@ -333,7 +333,9 @@ u_char *get_orvexFlashCopyTable(struct variable *vp, oid *name, size_t *length, 
     case magicCopyRemoteUserName:
         return answer_text(row.remoteUserName, var_len);
     case magicCopyStatus:
-        flash_trace(traceDebug, "%s: Flash copy status is %d\n", self, stored->copyStatus);
+        if (stored != nullptr)
+            flash_trace(traceDebug, "%s: Flash copy status is %d\n", self,
+                        static_cast<const flashCopyEntry *>(stored)->copyStatus);
         return answer_word(row.copyStatus, var_len);
     case magicCopyNotifyOnCompletion:
         return answer_word(row.notifyOnCompletion, var_len);
@@ -345,8 +347,7 @@ u_char *get_orvexFlashCopyTable(struct variable *vp, oid *name, size_t *length, 
     case magicCopyPassword:
         return answer_text(noPassword, var_len);
     default:
-        snmp_set_detail("");
-        return nullptr;
+        return answer_unserved();
     }
 }
 
@@ -375,8 +376,7 @@ u_char *get_orvexFlashMiscOpTable(struct variable *vp, oid *name, size_t *length
     case magicMiscOpEntryStatus:
         return answer_word(row.entryStatus, var_len);
     default:
-        snmp_set_detail("");
-        return nullptr;
+        return answer_unserved();
     }
 }
 

@@ -66,7 +66,8 @@ FLASH_API int32_t flashcopy_inprogress(void);
 FLASH_API int32_t flashdelete_inprogress(void);
 
 // Match the requested instance against the table: on MATCH_SUCCEEDED the row is in the handler's
-// static record and name and length are the instance's; on MATCH_FAILED they are unchanged.
+// static record and name and length are the instance's; on MATCH_FAILED name and length are
+// unchanged.
 FLASH_API int header_flashCopyEntry(struct variable *vp, oid *name, size_t *length, int exact);
 FLASH_API int header_flashMiscOpEntry(struct variable *vp, oid *name, size_t *length, int exact);
 
@@ -79,7 +80,8 @@ FLASH_API u_char *get_orvexFlashMiscOpTable(struct variable *vp, oid *name, size
 
 namespace flash {
 
-// The rows that the GET handlers last answered from.
+// The rows that the GET handlers matched last; after a failed match the index is the one asked for
+// and the rest is the former row's.
 const flashCopyEntry &last_copy_row();
 const flashMiscOpEntry &last_misc_op_row();
 

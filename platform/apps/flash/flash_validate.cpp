@@ -233,7 +233,6 @@ int32_t parse_MiscOpfile_n_get_scheme(flashMiscOpEntry *entry) {
 }
 
 int32_t parse_file_n_get_pathname(flashCopyEntry *entry, int32_t side) {
-    constexpr int32_t ordinaryPath = 1;
     constexpr int32_t neitherKind = 3;
     constexpr int32_t refused = -1;
     const bool destination = side == sideDestination;
@@ -245,8 +244,8 @@ int32_t parse_file_n_get_pathname(flashCopyEntry *entry, int32_t side) {
     if (count == 0) {
         snmp_uri_map_str_split(name, ":", tokens);
         copy_text(destination ? entry->destinationPathName : entry->sourcePathName, tokens[1]);
-        entry->pathKind = ordinaryPath;
-        return ordinaryPath;
+        entry->pathKind = pathOrdinary;
+        return pathOrdinary;
     }
     // The kind of a name of one token would show in a second token, which there is none of: no
     // name is found to lie on the standby supervisor here.

@@ -26,12 +26,14 @@ FLASH_API int32_t snmp_uri_map_str_split(char *text, const char *delimiters, fla
 FLASH_API int32_t parse_file_n_get_scheme(flashCopyEntry *entry, int32_t side);
 FLASH_API int32_t parse_MiscOpfile_n_get_scheme(flashMiscOpEntry *entry);
 
-// Classifies a name of a copy row, cutting it up: 1 an ordinary path, 2 a path on the standby
-// supervisor (both stored, with their kind), 3 neither, -1 refused.
+// Classifies a name of a copy row, cutting it up: flash::pathOrdinary when there is nothing but "/"
+// in it (an empty path is stored, with its kind), -1 when there is more than one component, else 3,
+// or -1 for the source. No name is found to lie on the standby supervisor.
 FLASH_API int32_t parse_file_n_get_pathname(flashCopyEntry *entry, int32_t side);
 
 // Resolves one name of a copy row (flash::Side) to a local path in the row. Returns 1, or 0 when
-// the name is refused.
+// the name is refused. Blocks while the file system is looked at, and for the system log as source
+// while it is written out.
 FLASH_API int32_t validate_filename(flashCopyEntry *entry, int32_t side);
 
 // Applies the refusal rules to a copy row. Returns 1 when the row may be copied; 0 when not, with
@@ -39,7 +41,7 @@ FLASH_API int32_t validate_filename(flashCopyEntry *entry, int32_t side);
 FLASH_API int32_t validate_flash_entry(flashCopyEntry *entry, int32_t *error);
 
 // Validates a copy row, records the verdict in the row and in the store, and starts the copy.
-// Returns the SNMP error status for the SET.
+// Returns the SNMP error status for the SET. Blocks as validate_filename does.
 FLASH_API int32_t validate_n_start_flash_copy(flashCopyEntry *entry);
 
 // Resolves the name of the file to delete to a local path in the row. Returns 1 or 0.

@@ -9,6 +9,7 @@
 #include "orvex_flash_mib.h"
 #include "ruma/syserr.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -39,7 +40,8 @@ struct Value {
     size_t length;
 };
 
-// Reads an INTEGER whose type and length have been checked, whole.
+// Reads an INTEGER, whole. Type and length were checked in RESERVE1, and the agent presents the
+// same value in every phase.
 long integer(const Value &value) {
     long whole = 0;
     if (value.bytes == nullptr)
@@ -49,7 +51,9 @@ long integer(const Value &value) {
         std::memcpy(&narrow, value.bytes, sizeof narrow);
         return narrow;
     }
-    std::memcpy(&whole, value.bytes, value.length);
+    constexpr bool bigEndian = std::endian::native == std::endian::big;
+    char *low = reinterpret_cast<char *>(&whole) + (bigEndian ? sizeof whole - value.length : 0);
+    std::memcpy(low, value.bytes, value.length);
     return whole;
 }
 
@@ -58,8 +62,6 @@ int32_t row_index(const oid *name, size_t length) {
 }
 
 // --- Columns -------------------------------------------------------------------------------------
-
-struct Column;
 
 // What a text column has beyond the others.
 struct Name {
@@ -92,7 +94,7 @@ struct Column {
     u_char type = ASN_INTEGER;
     size_t shortest = 0;
     size_t longest = sizeof(long); // what the agent hands over for any INTEGER
-    size_t offset;
+    size_t offset = 0;
     size_t size = sizeof(int32_t);
     int (*check)(const Column &column, long value) = nullptr; // of an INTEGER
     const Name *name = nullptr;                               // of an OCTET STRING
@@ -499,7 +501,6 @@ struct RowStatus<flashCopyEntry> {
     static constexpr Column column{
         .handler = "set_orvexFlashCopyEntryStatus",
         .object = "orvexFlashCopyEntryStatus",
-        .offset = offsetof(flashCopyEntry, entryStatus),
         .entering = "Entering set_orvexFlashCopyEntryStatus ....\n",
     };
     static constexpr const char *wrongValueSource = "set_orvexFlashCopyEntryStatus";
@@ -564,7 +565,6 @@ struct RowStatus<flashMiscOpEntry> {
     static constexpr Column column{
         .handler = "set_orvexFlashMiscOpEntryStatus",
         .object = "orvexFlashMiscOpEntryStatus",
-        .offset = offsetof(flashMiscOpEntry, entryStatus),
         .entering = "Entering set_orvexFlashMiscOpEntryStatus\n",
     };
     // Without the handler's prefix, unlike the copy table's, deliberately.

@@ -4,8 +4,9 @@
 // SNMP error status of that phase. The row index is the last arc of the OID. Column handlers check
 // type, length and value in RESERVE1, store in RESERVE2 and put the column back in FREE; they
 // accept values only while the row is being created. Row-status handlers create the row in RESERVE1
-// and do the work in ACTION. Agent thread only; only a misc-operation's ACTION touches the file
-// system.
+// and do the work in ACTION: there a copy's name is resolved, the system log written out if it is
+// to be sent, and the worker forked; a delete is carried out. Agent thread only; nothing else
+// touches the file system or blocks.
 #ifndef FLASH_WRITE_H
 #define FLASH_WRITE_H
 

@@ -1,5 +1,6 @@
 #include "orvex_flash_mib.h"
 
+#include "flash_answer.h"
 #include "flash_codes.h"
 #include "flash_copy.h"
 #include "flash_inventory.h"
@@ -13,6 +14,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <net-snmp/agent/util_funcs/header_generic.h>
 #include <unistd.h>
 
@@ -177,7 +179,7 @@ void deinit_orvex_flash_mib(void) {
     if (unregister_mib(orvex_flash_mib_variables_oid, orvexFlashRootLength) !=
         MIB_UNREGISTERED_OK) {
         for (const struct variable7 &object : orvex_flash_mib_variables) {
-            oid name[orvexFlashRootLength + 7];
+            oid name[orvexFlashRootLength + std::size(variable7{}.name)];
             std::memcpy(name, orvex_flash_mib_variables_oid, sizeof orvex_flash_mib_variables_oid);
             std::memcpy(name + orvexFlashRootLength, object.name, object.namelen * sizeof(oid));
             unregister_mib(name, orvexFlashRootLength + object.namelen);
@@ -191,13 +193,10 @@ u_char *get_orvex_flash_mib(struct variable *vp, oid *name, size_t *length, int 
     static int32_t value;
     if (header_generic(vp, name, length, exact, var_len, write_method) == MATCH_FAILED)
         return nullptr;
-    if (vp->magic != magicScalar) {
-        snmp_set_detail("");
-        return nullptr;
-    }
+    if (vp->magic != magicScalar)
+        return answer_unserved();
     value = 1;
-    *var_len = sizeof value;
-    return reinterpret_cast<u_char *>(&value);
+    return answer_word(value, var_len);
 }
 
 int flash_log_snmp_error(int32_t code) {

@@ -2,6 +2,8 @@
 #ifndef FLASH_ANSWER_H
 #define FLASH_ANSWER_H
 
+#include "flash_agent.h"
+
 #include <cstddef>
 #include <cstring>
 #include <sys/types.h>
@@ -21,6 +23,12 @@ template <std::size_t Size>
 u_char *answer_text(char (&value)[Size], std::size_t *var_len) {
     *var_len = strnlen(value, Size);
     return reinterpret_cast<u_char *>(value);
+}
+
+// The answer to a magic that the handler does not serve.
+inline u_char *answer_unserved() {
+    snmp_set_detail("");
+    return nullptr;
 }
 
 } // namespace flash

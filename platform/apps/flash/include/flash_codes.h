@@ -83,6 +83,9 @@ enum Side : int32_t { sideDestination = 1, sideSource = 2 };
 // Which way a transfer goes.
 enum Direction : int32_t { directionToFlash = 1, directionFromFlash = 2 };
 
+// Path kind of a copy row.
+enum PathKind : int32_t { pathOrdinary = 1, pathOnStandby = 2 };
+
 // pipe_status.
 enum PipeState : int32_t { pipeCreated = 1, pipeFailed = 2 };
 

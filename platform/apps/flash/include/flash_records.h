@@ -36,12 +36,12 @@ struct flashCopyEntry {
     flashTimestamp endTimestamp;
     int32_t creationTime; // seconds since the epoch
     int32_t endTime;      // seconds since the epoch; the age-out measures from it
-    char sourcePath[255]; // local paths
+    char sourcePath[255]; // local paths, the terminator inside
     char destinationPath[255];
     char schemeName[16];
     char sourcePathName[255]; // path parts of the names
     char destinationPathName[255];
-    int32_t pathKind; // 1 ordinary, 2 on the standby supervisor
+    int32_t pathKind; // flash::PathKind, 0 until a name has been classified
 };
 
 // One row of the misc-operation table.
@@ -107,12 +107,16 @@ struct flashFileEntry {
 // Bytes of a file request; the file record stands at its beginning.
 constexpr std::size_t flashFileRequestSize = 872;
 
+static_assert(offsetof(flashCopyEntry, command) == 4);
+static_assert(offsetof(flashCopyEntry, protocol) == 8);
 static_assert(offsetof(flashCopyEntry, serverAddress) == 12);
 static_assert(offsetof(flashCopyEntry, sourceName) == 16);
 static_assert(offsetof(flashCopyEntry, destinationName) == 272);
 static_assert(offsetof(flashCopyEntry, remoteUserName) == 528);
 static_assert(offsetof(flashCopyEntry, password) == 784);
 static_assert(offsetof(flashCopyEntry, copyStatus) == 868);
+static_assert(offsetof(flashCopyEntry, notifyOnCompletion) == 872);
+static_assert(offsetof(flashCopyEntry, copyTime) == 876);
 static_assert(offsetof(flashCopyEntry, entryStatus) == 880);
 static_assert(offsetof(flashCopyEntry, startTimestamp) == 884);
 static_assert(offsetof(flashCopyEntry, endTime) == 904);
@@ -129,6 +133,10 @@ static_assert(offsetof(flashMiscOpEntry, schemeName) == 535);
 static_assert(offsetof(flashMiscOpEntry, intermediateName) == 551);
 static_assert(sizeof(flashMiscOpEntry) == 808);
 
+static_assert(offsetof(flashDeviceEntry, size) == 4);
+static_assert(offsetof(flashDeviceEntry, free) == 8);
+static_assert(offsetof(flashDeviceEntry, blockSize) == 12);
+static_assert(offsetof(flashDeviceEntry, partitions) == 16);
 static_assert(offsetof(flashDeviceEntry, present) == 20);
 static_assert(offsetof(flashDeviceEntry, name) == 24);
 static_assert(offsetof(flashDeviceEntry, description) == 40);
@@ -136,6 +144,14 @@ static_assert(offsetof(flashDeviceEntry, reserved) == 184);
 static_assert(offsetof(flashDeviceEntry, capacity) == 196);
 static_assert(sizeof(flashDeviceEntry) == 204);
 
+static_assert(offsetof(flashPartitionEntry, index) == 4);
+static_assert(offsetof(flashPartitionEntry, state) == 8);
+static_assert(offsetof(flashPartitionEntry, fsType) == 12);
+static_assert(offsetof(flashPartitionEntry, size) == 16);
+static_assert(offsetof(flashPartitionEntry, free) == 20);
+static_assert(offsetof(flashPartitionEntry, blockSize) == 24);
+static_assert(offsetof(flashPartitionEntry, files) == 28);
+static_assert(offsetof(flashPartitionEntry, maxNameLength) == 32);
 static_assert(offsetof(flashPartitionEntry, percentUsed) == 36);
 static_assert(offsetof(flashPartitionEntry, name) == 40);
 static_assert(offsetof(flashPartitionEntry, formatRequired) == 56);
@@ -144,6 +160,8 @@ static_assert(offsetof(flashPartitionEntry, capacity) == 64);
 static_assert(offsetof(flashPartitionEntry, freeCapacity) == 72);
 static_assert(sizeof(flashPartitionEntry) == 80);
 
+static_assert(offsetof(flashFileEntry, partitionIndex) == 4);
+static_assert(offsetof(flashFileEntry, index) == 8);
 static_assert(offsetof(flashFileEntry, size) == 12);
 static_assert(offsetof(flashFileEntry, name) == 16);
 static_assert(offsetof(flashFileEntry, status) == 48);

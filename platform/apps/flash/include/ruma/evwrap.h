@@ -1,5 +1,8 @@
 /* Trace facility: an event history that is always there, and a debug printer for when somebody
- * looks. Both are off or on by the platform's own switches. */
+ * looks. Both are off or on by the platform's own switches.
+ *
+ * All of it is also called in workers forked from the agent, in which no descriptor opened before
+ * the fork is left. */
 #ifndef RUMA_EVWRAP_H
 #define RUMA_EVWRAP_H
 

@@ -30,6 +30,9 @@ struct pmb_send_options {
     uint32_t word[13];
 };
 
+/* The sending procedures are also called in a worker forked from the agent, in which no descriptor
+ * opened before the fork is left. */
+
 /* Opens a sending queue named `name` (for diagnosis; two processes may bind one name at the same
  * time and do not disturb each other). `kind` is 1, `sap` -1 for a sender without an access point
  * of its own. Returns a handle of zero or more, or a negative value with errno set. The handle is

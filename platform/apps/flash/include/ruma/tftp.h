@@ -1,7 +1,10 @@
 /* TFTP client of one process: one server, one transfer at a time, binary mode.
  *
  * Results are 0 for success and negative for an error: -errno for an error on this side,
- * -(100 + errno) for one that the server reported. */
+ * -(100 + errno) for one that the server reported.
+ *
+ * All of it is called in a worker forked from the agent, in which no descriptor opened before the
+ * fork is left. */
 #ifndef RUMA_TFTP_H
 #define RUMA_TFTP_H
 
