@@ -149,6 +149,19 @@ TEST_F(SyslogTest, WithoutSpaceTheOutputStaysAndTheTemporaryFileGoes) {
     EXPECT_EQ(entries(), 1u);
 }
 
+TEST_F(SyslogTest, ALogOf64MiBIsWrittenOut) {
+    write_file(log, "x");
+    fs::resize_file(log, 64 << 20);
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(fs::file_size(output), 64U << 20);
+}
+
+TEST_F(SyslogTest, ALargerLogIsRefused) {
+    write_file(log, "x");
+    fs::resize_file(log, (64 << 20) + 1);
+    expect_refused(ruma::log_too_large);
+}
+
 TEST_F(SyslogTest, ARequestOfAnotherKindIsRefused) {
     write_file(log, "x");
     request.kind = 4;

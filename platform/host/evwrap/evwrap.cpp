@@ -3,6 +3,7 @@
 
 #include "config/config.h"
 #include "evwrap/history.h"
+#include "printable.h"
 
 #include <cerrno>
 #include <cstdio>

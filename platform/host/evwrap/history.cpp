@@ -1,11 +1,12 @@
 #include "evwrap/history.h"
 
+#include "unique_fd.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -75,21 +76,6 @@ static_assert(std::has_single_bit(history_slots));
 
 namespace {
 
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 [[noreturn]] void fail(const std::string &directory, const std::string &reason) {
     throw HistoryError(history_path(directory) + ": " + reason);
 }
@@ -109,9 +95,9 @@ HistoryFile *map(const std::string &directory, int fd, int protection) {
 void create(const std::string &directory, int directory_fd) {
     const std::string temporary = std::string(file_name) + "." + std::to_string(::getpid());
     ::unlinkat(directory_fd, temporary.c_str(), 0); // left by a process of the same id
-    const Descriptor fd(::openat(directory_fd, temporary.c_str(),
-                                 O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (fd.get() < 0)
+    const UniqueFd fd(::openat(directory_fd, temporary.c_str(),
+                               O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd)
         fail(directory, errno);
     // All of its space at once: a full file system must not end a process that writes to the
     // mapping.
@@ -156,15 +142,15 @@ bool is_history(int fd, const struct stat &status) {
 HistoryFile *open_history(const std::string &directory, EventHistory::Access access) {
     const bool recording = access == EventHistory::Access::record;
     const bool writing = access != EventHistory::Access::view;
-    const Descriptor directory_fd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (directory_fd.get() < 0)
+    const UniqueFd directory_fd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory_fd)
         fail(directory, errno);
     // More than once only when other processes create or remove the file at the same time.
     for (int attempt = 0; attempt < 8; attempt++) {
-        const Descriptor fd(
+        const UniqueFd fd(
             ::openat(directory_fd.get(), file_name,
                      (writing ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-        if (fd.get() < 0) {
+        if (!fd) {
             if (errno != ENOENT || !recording)
                 fail(directory, errno);
             create(directory, directory_fd.get());
@@ -268,26 +254,5 @@ void EventHistory::clear() noexcept {
 }
 
 std::string history_path(const std::string &directory) { return directory + "/" + file_name; }
-
-std::string printable(std::string_view message) {
-    message = message.substr(0, message.find_last_not_of("\r\n") + 1);
-    std::string line;
-    line.reserve(message.size());
-    for (const char c : message) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\\') {
-            line += "\\\\";
-        } else if (byte < 0x20 || byte > 0x7e) {
-            char escaped[5];
-            std::snprintf(escaped, sizeof(escaped), "\\x%02x", unsigned{byte});
-            line += escaped;
-        } else {
-            line += c;
-        }
-    }
-    return line;
-}
 
 } // namespace ruma

@@ -86,10 +86,6 @@ class EventHistory {
 // The path of a run directory's history.
 std::string history_path(const std::string &directory);
 
-// A message as one line of printable ASCII: control characters, bytes above 0x7e and backslashes
-// are escaped, newlines at its end dropped.
-std::string printable(std::string_view message);
-
 } // namespace ruma
 
 #endif

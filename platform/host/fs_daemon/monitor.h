@@ -7,7 +7,7 @@
 
 #include "fs_daemon/catalogue.h"
 #include "fs_daemon/records.h"
-#include "fs_daemon/unique_fd.h"
+#include "unique_fd.h"
 
 #include <chrono>
 #include <dirent.h>

@@ -3,7 +3,7 @@
 #define RUMA_FS_DAEMON_SERVER_H
 
 #include "fs_daemon/inventory.h"
-#include "fs_daemon/unique_fd.h"
+#include "unique_fd.h"
 
 #include <chrono>
 #include <map>

@@ -2,6 +2,7 @@
 #include "ruma/syslog.h"
 
 #include "syserr/codes.h"
+#include "unique_fd.h"
 
 #include <algorithm>
 #include <array>
@@ -13,28 +14,11 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-// An open descriptor.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    int get() const { return fd_; }
-
-    int close() {
-        const int result = fd_ < 0 ? 0 : ::close(fd_);
-        fd_ = -1;
-        return result;
-    }
-
-  private:
-    int fd_;
-};
+constexpr off_t max_size = 64 << 20; // bytes
 
 // A file that disappears unless it was moved elsewhere.
 class TemporaryFile {
@@ -99,8 +83,8 @@ int32_t copy(int from, int to, off_t length) {
 
 int32_t dump(const char *log, const char *output) {
     // Not blocking, lest a FIFO in the log's place holds up the agent.
-    Descriptor from(::open(log, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (from.get() < 0) {
+    const ruma::UniqueFd from(::open(log, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!from) {
         switch (errno) {
         case ENOENT:
         case ENOTDIR:
@@ -117,10 +101,12 @@ int32_t dump(const char *log, const char *output) {
         return ruma::log_unreadable;
     if (!S_ISREG(status.st_mode))
         return ruma::log_not_a_file;
+    if (status.st_size > max_size)
+        return ruma::log_too_large;
 
     std::string name = std::string(output) + ".XXXXXX";
-    Descriptor to(::mkostemp(name.data(), O_CLOEXEC)); // exclusive, mode 0600
-    if (to.get() < 0)
+    ruma::UniqueFd to(::mkostemp(name.data(), O_CLOEXEC)); // exclusive, mode 0600
+    if (!to)
         return output_error(errno);
     TemporaryFile temporary(name);
     const int32_t result = copy(from.get(), to.get(), status.st_size);

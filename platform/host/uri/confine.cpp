@@ -1,6 +1,7 @@
 #include "uri/confine.h"
 
 #include "syserr/codes.h"
+#include "unique_fd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,30 +17,6 @@
 
 namespace ruma {
 namespace {
-
-// A descriptor that only names a file. Below zero: errno says why there is none.
-class PathDescriptor {
-  public:
-    explicit PathDescriptor(int fd) : fd_(fd) {}
-    PathDescriptor(PathDescriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    PathDescriptor &operator=(PathDescriptor &&other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~PathDescriptor() {
-        if (fd_ >= 0) {
-            const int saved = errno;
-            ::close(fd_);
-            errno = saved;
-        }
-    }
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
 
 using Components = std::vector<std::string>;
 
@@ -104,7 +81,7 @@ std::string canonical(const std::string &directory) {
 }
 
 // Where an open directory lies, or empty when the system does not tell.
-std::string location(const PathDescriptor &directory) {
+std::string location(const UniqueFd &directory) {
     char path[PATH_MAX];
     const std::string link = "/proc/self/fd/" + std::to_string(directory.get());
     const ssize_t length = ::readlink(link.c_str(), path, sizeof(path));
@@ -113,7 +90,7 @@ std::string location(const PathDescriptor &directory) {
     return std::string(path, static_cast<size_t>(length));
 }
 
-PathDescriptor open_beneath(const PathDescriptor &root, const std::string &name, int flags) {
+UniqueFd open_beneath(const UniqueFd &root, const std::string &name, int flags) {
     open_how how{};
     how.flags = static_cast<uint64_t>(O_PATH | O_CLOEXEC | flags);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
@@ -127,21 +104,21 @@ PathDescriptor open_beneath(const PathDescriptor &root, const std::string &name,
         if (fd >= 0 || errno != EAGAIN)
             break;
     }
-    return PathDescriptor(static_cast<int>(fd));
+    return UniqueFd(static_cast<int>(fd));
 }
 
 // One look-up below one directory.
 class Search {
   public:
-    Search(const std::string &root, PathDescriptor root_descriptor)
+    Search(const std::string &root, UniqueFd root_descriptor)
         : root_(root), root_descriptor_(std::move(root_descriptor)) {}
 
     // Each looks up `name` in the directory `parents` and fills `result`. The first answers nothing
     // when this kernel cannot do it.
     std::optional<int32_t> by_kernel(const Components &parents, const std::string &name,
                                      Confined *result) const {
-        const PathDescriptor parent = open_beneath(root_descriptor_, join(parents), O_DIRECTORY);
-        if (!parent.valid()) {
+        const UniqueFd parent = open_beneath(root_descriptor_, join(parents), O_DIRECTORY);
+        if (!parent) {
             if (errno == ENOSYS || errno == EPERM) // older, or kept away by a sandbox
                 return std::nullopt;
             return code_of(errno);
@@ -155,8 +132,8 @@ class Search {
         result->path = join(parent_path, name);
 
         // From the root again: a link may point up as long as it stays below.
-        const PathDescriptor file = open_beneath(root_descriptor_, join(*relative, name), 0);
-        if (file.valid()) {
+        const UniqueFd file = open_beneath(root_descriptor_, join(*relative, name), 0);
+        if (file) {
             result->status.emplace();
             return ::fstat(file.get(), &*result->status) == 0 ? success : uri_refused;
         }
@@ -170,15 +147,14 @@ class Search {
     }
 
     int32_t by_walking(const Components &parents, const std::string &name, Confined *result) const {
-        PathDescriptor parent(
-            ::openat(root_descriptor_.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        UniqueFd parent(::openat(root_descriptor_.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
         for (const std::string &component : parents) {
-            if (!parent.valid())
+            if (!parent)
                 break;
-            parent = PathDescriptor(::openat(parent.get(), component.c_str(),
-                                             O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            parent = UniqueFd(::openat(parent.get(), component.c_str(),
+                                       O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         }
-        if (!parent.valid())
+        if (!parent)
             return code_of(errno);
         result->path = join(join(root_, join(parents)), name);
         struct stat status {};
@@ -192,7 +168,7 @@ class Search {
 
   private:
     const std::string &root_;
-    PathDescriptor root_descriptor_;
+    UniqueFd root_descriptor_;
 };
 
 } // namespace
@@ -205,10 +181,9 @@ int32_t confine(const std::string &directory, std::string_view name, Confined *r
     const std::string root = canonical(directory);
     if (root.empty())
         return code_of(errno);
-    PathDescriptor root_descriptor(
-        ::open(root.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd root_descriptor(::open(root.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat root_status {};
-    if (!root_descriptor.valid() || ::fstat(root_descriptor.get(), &root_status) != 0)
+    if (!root_descriptor || ::fstat(root_descriptor.get(), &root_status) != 0)
         return code_of(errno);
     if (parents.empty()) {
         *result = {root, root_status};

@@ -1,30 +1,40 @@
 // A file descriptor that closes itself.
-#ifndef RUMA_FS_DAEMON_UNIQUE_FD_H
-#define RUMA_FS_DAEMON_UNIQUE_FD_H
+#ifndef RUMA_HOST_UNIQUE_FD_H
+#define RUMA_HOST_UNIQUE_FD_H
 
+#include <cerrno>
 #include <unistd.h>
 #include <utility>
 
 namespace ruma {
 
+// Tests false when it holds none.
 class UniqueFd {
   public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : fd_(fd) {}
     UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
     UniqueFd &operator=(UniqueFd &&other) noexcept {
-        std::swap(fd_, other.fd_);
+        UniqueFd taken(std::move(other));
+        std::swap(fd_, taken.fd_);
         return *this;
     }
+    // Keeps errno: the descriptor often goes on the way out of an error.
     ~UniqueFd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
+        const int saved = errno;
+        static_cast<void>(close());
+        errno = saved;
     }
 
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
+
+    // Returns what close() does, 0 without a descriptor.
+    int close() {
+        const int fd = release();
+        return fd < 0 ? 0 : ::close(fd);
+    }
 
   private:
     int fd_ = -1;
