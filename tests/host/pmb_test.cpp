@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -30,8 +31,25 @@ constexpr uint32_t sap = 28;
 constexpr uint32_t opcode = 7786;
 constexpr uid_t nobody = 65534;
 
+// What others do as soon as a socket has been given a name.
+std::function<void()> after_bind;
+
 const pmb_queue_attributes attributes{1, 0, 1024, 0, 0, 15};
 const pmb_send_options plain{{1}};
+
+} // namespace
+
+// Stands before the C library's own.
+extern "C" int bind(int socket, const sockaddr *address, socklen_t length) noexcept {
+    using Bind = int (*)(int, const sockaddr *, socklen_t);
+    static const auto real = reinterpret_cast<Bind>(dlsym(RTLD_NEXT, "bind"));
+    const int result = real(socket, address, length);
+    if (after_bind)
+        after_bind();
+    return result;
+}
+
+namespace {
 
 class RunDirectory : public testing::Environment {
   public:
@@ -116,6 +134,51 @@ TEST_F(Pmb, SocketIsNamedAfterNodeAndAccessPoint) {
     EXPECT_EQ(status.st_mode & 07777, 0666U);
 }
 
+TEST_F(Pmb, TheModeOfTheSocketDoesNotDependOnTheUmask) {
+    const mode_t before = umask(077);
+    PmbReceiver other;
+    EXPECT_EQ(other.open(node, sap + 5), 0);
+    EXPECT_EQ(umask(before), 077U);
+    struct stat status {};
+    ASSERT_EQ(stat(ruma::pmb_socket_path(node, sap + 5).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0666U);
+}
+
+TEST_F(Pmb, ALinkPlantedAtTheTemporaryNameDoesNotReachItsTarget) {
+    const std::string target = ruma::run_dir() + "/precious";
+    std::ofstream(target) << "precious";
+    ASSERT_EQ(chmod(target.c_str(), 0600), 0);
+    const std::string place = ruma::pmb_socket_path(node, sap + 6);
+    const std::string temporary = place + "." + std::to_string(getpid());
+    const auto plant = [&] {
+        std::filesystem::remove(temporary);
+        std::filesystem::create_symlink(target, temporary);
+    };
+    // Before the receiver comes, and again as soon as its socket has the name.
+    plant();
+    after_bind = plant;
+    PmbReceiver other;
+    static_cast<void>(other.open(node, sap + 6));
+    after_bind = nullptr;
+    struct stat status {};
+    ASSERT_EQ(stat(target.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISREG(status.st_mode));
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    EXPECT_EQ(std::filesystem::file_size(target), 8U);
+    std::filesystem::remove(target);
+    std::filesystem::remove(place);
+}
+
+TEST_F(Pmb, AReceiverThatWasClosedIsGoneAndMayOpenAgain) {
+    receiver.close();
+    EXPECT_EQ(receiver.descriptor(), -1);
+    EXPECT_NE(send_text("x"), 0);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    ASSERT_EQ(receiver.open(node, sap), 0);
+    ASSERT_EQ(send_text("x"), 0);
+    EXPECT_TRUE(receiver.receive(message));
+}
+
 TEST_F(Pmb, DeliversAMessageOfAnotherProcessWithItsSender) {
     const pid_t sender = run_elsewhere(0, [] { return send_text("twelve bytes") == 0; });
     ASSERT_TRUE(receiver.receive(message));
@@ -185,8 +248,8 @@ TEST_F(Pmb, JudgesSendersByTheUserThatTheReceiverHasBecome) {
     EXPECT_TRUE(own);
     EXPECT_EQ(own_uid, nobody);
     EXPECT_FALSE(other);
-    EXPECT_TRUE(root);
-    EXPECT_EQ(receiver.counters().foreign, 1U);
+    EXPECT_FALSE(root) << "only the receiver's own user is served, whoever else sends";
+    EXPECT_EQ(receiver.counters().foreign, 2U);
 }
 
 TEST_F(Pmb, TwoSendersOfOneNameDoNotDisturbEachOther) {

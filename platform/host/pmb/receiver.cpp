@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace ruma {
 namespace {
@@ -19,6 +20,10 @@ const sockaddr *generic(const sockaddr_un &address) {
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
+UniqueFd make_socket() {
+    return UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
 // Returns 0 when a receiver may take the path: nothing is there, or a socket that nobody holds.
 int check_free(const std::string &path, const sockaddr_un &address) {
     struct stat status {};
@@ -26,11 +31,10 @@ int check_free(const std::string &path, const sockaddr_un &address) {
         return errno == ENOENT ? 0 : errno;
     if (!S_ISSOCK(status.st_mode))
         return EEXIST;
-    const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (probe < 0)
+    const UniqueFd probe = make_socket();
+    if (!probe)
         return errno;
-    const int error = connect(probe, generic(address), sizeof address) == 0 ? 0 : errno;
-    close(probe);
+    const int error = connect(probe.get(), generic(address), sizeof address) == 0 ? 0 : errno;
     if (error == ECONNREFUSED || error == ENOENT)
         return 0;
     return error == 0 ? EADDRINUSE : error;
@@ -45,10 +49,16 @@ int bind_in_place(int socket, const std::string &path) {
         return error;
     if (unlink(own.c_str()) != 0 && errno != ENOENT)
         return errno;
-    if (bind(socket, generic(address), sizeof address) != 0)
-        return errno;
-    // Everybody may send: the credentials that come with each message decide.
-    if (chmod(own.c_str(), 0666) == 0 && rename(own.c_str(), path.c_str()) == 0)
+    // Everybody may send: the credentials that come with each message decide. The mode comes with
+    // the socket, since the name may be another file's as soon as the socket has it: the directory
+    // can belong to a user who must not use this process's rights.
+    const mode_t mask = umask(0111);
+    const int bound = bind(socket, generic(address), sizeof address);
+    const int bind_error = errno;
+    umask(mask);
+    if (bound != 0)
+        return bind_error;
+    if (rename(own.c_str(), path.c_str()) == 0)
         return 0;
     const int error = errno;
     unlink(own.c_str());
@@ -57,13 +67,8 @@ int bind_in_place(int socket, const std::string &path) {
 
 } // namespace
 
-PmbReceiver::~PmbReceiver() {
-    if (socket_ >= 0)
-        close(socket_);
-}
-
 int PmbReceiver::open(uint32_t node, uint32_t sap) {
-    if (socket_ >= 0)
+    if (socket_)
         return EISCONN;
     const std::string path = pmb_socket_path(node, sap);
     sockaddr_un address{};
@@ -71,23 +76,18 @@ int PmbReceiver::open(uint32_t node, uint32_t sap) {
         return error;
     if (const int error = check_free(path, address))
         return error;
-    const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (opened < 0)
+    UniqueFd opened = make_socket();
+    if (!opened)
         return errno;
     // Before the socket has a name, so that no message can arrive without credentials.
     const int on = 1;
-    int error = 0;
-    if (setsockopt(opened, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
-        error = errno;
-    else
-        error = bind_in_place(opened, path);
-    if (error != 0) {
-        close(opened);
+    if (setsockopt(opened.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
+        return errno;
+    if (const int error = bind_in_place(opened.get(), path))
         return error;
-    }
     node_ = node;
     sap_ = sap;
-    socket_ = opened;
+    socket_ = std::move(opened);
     return 0;
 }
 
@@ -103,7 +103,7 @@ bool PmbReceiver::receive(pmb_message &message) {
         datagram.msg_iovlen = 2;
         datagram.msg_control = control;
         datagram.msg_controllen = sizeof control;
-        const ssize_t size = recvmsg(socket_, &datagram, MSG_CMSG_CLOEXEC);
+        const ssize_t size = recvmsg(socket_.get(), &datagram, MSG_CMSG_CLOEXEC);
         if (size < 0 && errno == EINTR)
             continue;
         if (size < 0)
@@ -117,7 +117,7 @@ bool PmbReceiver::receive(pmb_message &message) {
             std::memcpy(&sender, CMSG_DATA(info), sizeof sender);
             vouched = true;
         }
-        if (!vouched || (sender.uid != 0 && sender.uid != geteuid())) {
+        if (!vouched || sender.uid != geteuid()) {
             ++counters_.foreign;
             continue;
         }

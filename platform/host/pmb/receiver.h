@@ -3,6 +3,7 @@
 #define RUMA_HOST_PMB_RECEIVER_H
 
 #include "pmb/message.h"
+#include "unique_fd.h"
 
 #include <cstdint>
 
@@ -11,7 +12,7 @@ namespace ruma {
 // Datagrams that a receiver has seen.
 struct PmbCounters {
     uint64_t delivered;
-    uint64_t foreign;   // dropped: the sender is neither the receiver's user nor root
+    uint64_t foreign;   // dropped: the sender is not the receiver's user
     uint64_t malformed; // dropped: no valid header, or not the length that the header says
     uint64_t truncated; // dropped: longer than any message
 
@@ -25,18 +26,20 @@ class PmbReceiver {
     PmbReceiver() = default;
     PmbReceiver(const PmbReceiver &) = delete;
     PmbReceiver &operator=(const PmbReceiver &) = delete;
-    ~PmbReceiver();
 
     // Starts to receive. Returns 0 or an errno: EADDRINUSE when another receiver is alive, EEXIST
     // when something that is no socket stands at the path. Does not block.
     int open(uint32_t node, uint32_t sap);
 
-    // The non-blocking, close-on-exec socket to wait on; -1 before open().
-    int descriptor() const { return socket_; }
+    // Stops to receive; open() may start it again. What has arrived is lost, the counters stay.
+    void close() { socket_ = {}; }
+
+    // The non-blocking, close-on-exec socket to wait on; -1 while not open.
+    int descriptor() const { return socket_.get(); }
 
     // Takes the next message that passes every check; drops and counts the others. The sender must
-    // be root or the effective user that this process has now, which may differ from the one that
-    // opened the receiver. Returns false when none is there, and after a bounded number of drops.
+    // be the effective user that this process has now, which may differ from the one that opened
+    // the receiver. Returns false when none is there, and after a bounded number of drops.
     // Does not block.
     bool receive(pmb_message &message);
 
@@ -45,7 +48,7 @@ class PmbReceiver {
   private:
     uint32_t node_ = 0;
     uint32_t sap_ = 0;
-    int socket_ = -1;
+    UniqueFd socket_;
     PmbCounters counters_{};
 };
 

@@ -2,7 +2,7 @@
  * and service access point, told apart by opcode.
  *
  * The service delivers a message only when the kernel vouches that its sender runs as the
- * receiver's own user or as root; anything else is dropped and counted. */
+ * receiver's own user; anything else is dropped and counted. */
 #ifndef RUMA_PMB_H
 #define RUMA_PMB_H
 
