@@ -1,12 +1,15 @@
 // The configuration file.
 #include "config/config.h"
 
+#include "failing_allocations.h"
 #include "temporary_directory.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -179,6 +182,49 @@ TEST_F(ConfigTest, MissingFileIsAnError) {
 
 TEST_F(ConfigTest, DirectoryInPlaceOfTheFileIsAnError) {
     EXPECT_THROW(ruma::load_config(directory.path()), ruma::ConfigError);
+}
+
+TEST_F(ConfigTest, AFileThatMayNotBeReadIsAnErrorThatNamesTheReason) {
+    write_file(path, "");
+    ASSERT_EQ(::chmod(path.c_str(), 0), 0);
+    std::filesystem::permissions(directory.path(), std::filesystem::perms(0755));
+    ASSERT_EQ(::seteuid(65534), 0);
+    std::string reason;
+    try {
+        ruma::load_config(path);
+    } catch (const ruma::ConfigError &error) {
+        reason = error.what();
+    }
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_EQ(reason, path + ": Permission denied");
+}
+
+// Neither ends the process nor gives half a configuration, wherever memory runs out.
+TEST_F(ConfigTest, MissingMemoryIsReported) {
+    const std::pair<std::string, std::string> files[] = {
+        {table("a") + table("b") + "[agent]\nuser = \"snmp\"\n", "2 file systems"},
+        {table("a") + "[flash]\n", "refused"},
+    };
+    for (const auto &[text, expected] : files) {
+        write_file(path, text);
+        long allowed = 0;
+        std::string outcome = "no memory";
+        while (outcome == "no memory" && allowed < 10000) {
+            const int found = with_allocations(allowed++, [this] {
+                try {
+                    return static_cast<int>(ruma::load_config(path).file_systems.size());
+                } catch (const ruma::ConfigError &) {
+                    return -1;
+                } catch (const std::bad_alloc &) {
+                    return -2;
+                }
+            });
+            if (found != -2)
+                outcome = found == -1 ? "refused" : std::to_string(found) + " file systems";
+        }
+        EXPECT_EQ(outcome, expected);
+        EXPECT_GT(allowed, 10);
+    }
 }
 
 TEST_F(ConfigTest, HugeFileIsRefusedUnread) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <initializer_list>
 #include <new>
 #include <string_view>
@@ -142,10 +143,23 @@ class Reader {
         return *table;
     }
 
+    std::string content() const {
+        std::string text(max_config_size, '\0');
+        std::ifstream file(path_, std::ios::binary);
+        if (!file.is_open())
+            throw ConfigError(path_ + ": " + std::generic_category().message(errno));
+        file.read(text.data(), static_cast<std::streamsize>(text.size()));
+        if (file.bad())
+            throw ConfigError(path_ + ": cannot be read");
+        text.resize(static_cast<size_t>(file.gcount()));
+        return text;
+    }
+
     Config read() const {
         toml::table root;
         try {
-            root = toml::parse_file(path_);
+            // Not parse_file, which ends the process when memory for its file name is missing.
+            root = toml::parse(content());
         } catch (const toml::parse_error &error) {
             fail(error.source().begin.line, std::string(error.description()));
         }

@@ -37,8 +37,9 @@ std::string config_path();
 
 // This process's configuration, read at the first call; the built-in default when the file does not
 // exist. A file that cannot be used is reported once on standard error and gives a configuration
-// without file systems: everything is refused rather than guessed. The first call ends the process
-// when there is no memory for the file; a process that must not end makes it when it starts.
+// without file systems: everything is refused rather than guessed. Throws std::bad_alloc; the next
+// call then tries again. But where memory runs out while the parser reports a syntax error, it ends
+// the process: one that must not end makes the first call when it starts.
 const Config &config();
 
 // The directory of the platform's sockets, event history and error log: RUMA_RUN_DIR, or /run/ruma.
