@@ -933,6 +933,14 @@ TEST_F(FsDaemon, TheRunDirectoryIsMadeAndAnybodyMayConnect) {
     EXPECT_EQ(fs::status(socket_path()).permissions(), fs::perms(0666));
 }
 
+TEST_F(FsDaemon, ARunDirectoryThatIsALinkIsAnError) {
+    fs::create_directory(base / "elsewhere");
+    fs::create_symlink("elsewhere", run_dir());
+    EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);
+    EXPECT_NE(errors().find("is a symbolic link"), std::string::npos) << errors();
+    EXPECT_TRUE(fs::is_empty(base / "elsewhere"));
+}
+
 TEST_F(FsDaemon, AConfigurationThatCannotBeUsedIsAnError) {
     write_file(base / "platform.toml", "nonsense = 1\n");
     EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);

@@ -6,7 +6,9 @@
 // reload: a message that arrives meanwhile waits in the socket.
 #include "agent/copy_status.h"
 #include "agent/request.h"
+#include "cmi/peer.h"
 #include "config/config.h"
+#include "config/run_directory.h"
 #include "pmb/receiver.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
@@ -18,13 +20,15 @@
 #include <net-snmp/library/fd_event_manager.h>
 
 #include <cinttypes>
-#include <cstring>
 #include <exception>
+#include <stdexcept>
+#include <system_error>
 
 namespace {
 
 constexpr int max_messages_per_event = 16;
-constexpr unsigned int log_interval = 10; // seconds
+constexpr unsigned int log_interval = 10;  // seconds
+constexpr unsigned int retry_interval = 2; // seconds
 
 // Never destroyed: the agent's loop may still call while the process ends.
 ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
@@ -33,6 +37,7 @@ uint64_t unwanted; // status messages while no module was there to take them
 uint64_t logged;   // dropped messages that the log knows of
 bool log_alarm_pending;
 bool leave_alarm_pending;
+unsigned int retry_alarm; // 0 while none is registered
 
 uint64_t dropped() { return receiver.counters().dropped() + refused + unwanted; }
 
@@ -97,18 +102,39 @@ void register_access_checks() {
     registered = true;
 }
 
+// Throws std::exception with the reason when messages cannot be received.
 void open_receiver() {
-    if (receiver.descriptor() >= 0)
-        return;
+    ruma::prepare_run_dir(ruma::run_dir(), ruma::agent_user_number(ruma::config().agent_user));
     const int error = receiver.open(ruma::copy_status_node, ruma::copy_status_sap);
-    if (error != 0) {
-        snmp_log(LOG_ERR, "ruma_agent: cannot receive messages at %s: %s\n",
-                 ruma::pmb_socket_path(ruma::copy_status_node, ruma::copy_status_sap).c_str(),
-                 std::strerror(error));
-        return;
+    if (error != 0)
+        throw std::system_error(
+            error, std::generic_category(),
+            ruma::pmb_socket_path(ruma::copy_status_node, ruma::copy_status_sap));
+    if (register_readfd(receiver.descriptor(), receive_messages, nullptr) != FD_REGISTERED_OK) {
+        receiver.close();
+        throw std::runtime_error("the agent does not watch the message socket");
     }
-    if (register_readfd(receiver.descriptor(), receive_messages, nullptr) != FD_REGISTERED_OK)
-        snmp_log(LOG_ERR, "ruma_agent: the agent does not watch the message socket\n");
+}
+
+// Opens the receiver, or keeps trying: without it no copy ever completes.
+void start_receiving(unsigned int, void *) {
+    if (receiver.descriptor() < 0) {
+        try {
+            open_receiver();
+        } catch (const std::exception &error) {
+            if (retry_alarm == 0) {
+                snmp_log(LOG_ERR, "ruma_agent: cannot receive messages yet: %s\n", error.what());
+                retry_alarm =
+                    snmp_alarm_register(retry_interval, SA_REPEAT, start_receiving, nullptr);
+            }
+            return;
+        }
+    }
+    if (retry_alarm != 0) {
+        snmp_alarm_unregister(retry_alarm);
+        retry_alarm = 0;
+        snmp_log(LOG_WARNING, "ruma_agent: receives messages now\n");
+    }
 }
 
 } // namespace
@@ -120,14 +146,10 @@ __attribute__((visibility("default"))) void init_ruma_agent();
 __attribute__((visibility("default"))) void deinit_ruma_agent();
 
 void init_ruma_agent() {
-    try {
-        // Read while the agent still has the rights that it starts with.
-        ruma::config();
-        register_access_checks();
-        open_receiver();
-    } catch (const std::exception &error) {
-        snmp_log(LOG_ERR, "ruma_agent: %s\n", error.what());
-    }
+    register_access_checks();
+    // Reads the configuration while the agent still has the rights that it starts with, and makes
+    // the run directory before the modules that come later open the event history in it.
+    start_receiving(0, nullptr);
 }
 
 void deinit_ruma_agent() {}

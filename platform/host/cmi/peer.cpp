@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <pwd.h>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -32,6 +33,17 @@ std::optional<uid_t> user_number(const std::string &name) {
         return std::nullopt;
     }
     return entry.pw_uid;
+}
+
+std::optional<uid_t> agent_user_number(const std::string &name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    const std::optional<uid_t> number = user_number(name);
+    if (!number) {
+        throw std::runtime_error("there is no user " + name);
+    }
+    return number;
 }
 
 bool is_trusted(uid_t user, std::optional<uid_t> configured) {

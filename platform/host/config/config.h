@@ -43,7 +43,7 @@ std::string config_path();
 const Config &config();
 
 // The directory of the platform's sockets, event history and error log: RUMA_RUN_DIR, or /run/ruma.
-// Read at the first call, not created.
+// Read at the first call, not created: see prepare_run_dir.
 const std::string &run_dir();
 
 } // namespace ruma

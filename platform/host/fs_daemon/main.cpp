@@ -23,13 +23,7 @@ ruma::Config read_config() {
 
 int serve(const ruma::WatchLimits &limits) {
     const ruma::Config config = read_config();
-    std::optional<uid_t> agent_user;
-    if (!config.agent_user.empty()) {
-        agent_user = ruma::user_number(config.agent_user);
-        if (!agent_user) {
-            throw std::runtime_error("there is no user " + config.agent_user);
-        }
-    }
+    const std::optional<uid_t> agent_user = ruma::agent_user_number(config.agent_user);
     ruma::Inventory inventory(config.file_systems, limits);
     ruma::Server server(inventory, ruma::run_dir(), agent_user);
     server.run();

@@ -2,6 +2,7 @@
 
 #include "cmi/cmi_wire.h"
 #include "cmi/peer.h"
+#include "config/run_directory.h"
 #include "flash_codes.h"
 #include "ruma/cmi.h"
 
@@ -138,14 +139,7 @@ void Server::add(int fd) {
 }
 
 void Server::lock() {
-    if (mkdir(run_dir_.c_str(), 0755) == 0) {
-        // The agent puts its own sockets there.
-        if (agent_user_ && chown(run_dir_.c_str(), *agent_user_, static_cast<gid_t>(-1)) != 0) {
-            fail(run_dir_);
-        }
-    } else if (errno != EEXIST) {
-        fail(run_dir_);
-    }
+    prepare_run_dir(run_dir_, agent_user_);
     const std::string path = run_dir_ + "/fs_daemon.lock";
     lock_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock_) {

@@ -1,0 +1,182 @@
+// The agent module in an agent of one process: this one.
+#include "config/config.h"
+#include "pmb/message.h"
+#include "temporary_directory.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/library/fd_event_manager.h>
+
+#include <cerrno>
+#include <chrono>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t node = 0xfe000000;
+constexpr uint32_t sap = 28;
+
+int attempts; // to make the run directory
+
+} // namespace
+
+// Stands before the C library's own.
+extern "C" int mkdir(const char *path, mode_t mode) noexcept {
+    ++attempts;
+    return mkdirat(AT_FDCWD, path, mode);
+}
+
+namespace {
+
+// The module keeps its state for the life of the process, so each test is a process of its own.
+class RumaAgent : public testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("RUMA_CONFIG", (directory / "platform.toml").c_str(), 1);
+        setenv("RUMA_RUN_DIR", (directory / "state/run").c_str(), 1);
+        fs::permissions(directory.path(), fs::perms(0755));
+        write_file(directory / "platform.toml", "[agent]\nuser = \"nobody\"\n");
+    }
+
+    void load() {
+        snmp_enable_filelog((directory / "agent.log").c_str(), 0);
+        // The alarms run when the test says so, and not when a signal comes.
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
+        const std::string module =
+            fs::canonical("/proc/self/exe").parent_path().parent_path() / "lib/ruma_agent.so";
+        void *handle = dlopen(module.c_str(), RTLD_NOW);
+        check(handle != nullptr, "the module loads");
+        init_ = reinterpret_cast<void (*)()>(dlsym(handle, "init_ruma_agent"));
+        init();
+    }
+
+    void init() { init_(); }
+
+    static bool receives() {
+        const pmb_queue_attributes attributes{1, 0, 1024, 0, 0, 15};
+        const pmb_send_options plain{{1}};
+        const int handle = pmb_bind(1, -1, &attributes, "test_task");
+        const int result = pmb_send(handle, node, sap, 7786, "x", 1, &plain);
+        pmb_unbind(handle, 0);
+        return result == 0;
+    }
+
+    static void run_alarms_until(const std::function<bool()> &condition) {
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (!condition()) {
+            check(Clock::now() < deadline, "an alarm does its work in time");
+            run_alarms();
+            usleep(10000);
+        }
+    }
+
+    // How often the agent's log says `text`.
+    int logged(const std::string &text) const {
+        const std::string log = read_file(directory / "agent.log");
+        int count = 0;
+        for (auto at = log.find(text); at != log.npos; at = log.find(text, at + 1))
+            ++count;
+        return count;
+    }
+
+    static void check(bool holds, const char *what) {
+        if (!holds) {
+            std::fprintf(stderr, "not so: %s\n", what);
+            _exit(1);
+        }
+    }
+
+    // Everything that `body` checks must hold.
+    void expect_of_a_process(const std::function<void()> &body) {
+        EXPECT_EXIT(
+            {
+                body();
+                _exit(0);
+            },
+            testing::ExitedWithCode(0), "");
+    }
+
+    TemporaryDirectory directory;
+
+  private:
+    void (*init_)() = nullptr;
+};
+
+TEST_F(RumaAgent, MakesTheRunDirectoryForTheAgentsUserAndReceives) {
+    expect_of_a_process([this] {
+        fs::create_directory(directory / "state");
+        load();
+        check(receives(), "messages are received");
+        struct stat status {};
+        check(stat(ruma::run_dir().c_str(), &status) == 0, "the run directory is there");
+        check(status.st_uid == 65534 && (status.st_mode & 07777) == 0755, "it is the agent user's");
+        check(logged("ruma_agent") == 0, "nothing to complain of");
+    });
+}
+
+TEST_F(RumaAgent, ReceivesAsSoonAsTheRunDirectoryCanBeMadeAndSaysItOnce) {
+    expect_of_a_process([this] {
+        load();
+        check(!receives(), "there is no run directory yet");
+        init(); // as after SIGHUP
+        const int begun = attempts;
+        run_alarms_until([begun] { return attempts >= begun + 2; });
+        check(logged("cannot receive messages yet") == 1, "one complaint for all attempts");
+        fs::create_directory(directory / "state");
+        run_alarms_until(receives);
+        check(logged("receives messages now") == 1, "the log knows that it is over");
+        check(sa_find_next() == nullptr, "the attempts are over");
+    });
+}
+
+TEST_F(RumaAgent, ClosesTheReceiverThatTheAgentDoesNotWatchAndTriesAgain) {
+    expect_of_a_process([this] {
+        fs::create_directory(directory / "state");
+        for (int i = 0; i < NUM_EXTERNAL_FDS; ++i)
+            check(register_readfd(500 + i, [](int, void *) {}, nullptr) == FD_REGISTERED_OK,
+                  "the agent takes descriptors");
+        load();
+        check(logged("does not watch") == 1, "the agent takes no more");
+        check(!receives(), "no message waits unread");
+        unregister_readfd(500);
+        run_alarms_until(receives);
+    });
+}
+
+TEST_F(RumaAgent, DoesNotUseARunDirectoryThatIsALink) {
+    expect_of_a_process([this] {
+        fs::create_directories(directory / "elsewhere");
+        fs::create_directory(directory / "state");
+        fs::create_symlink(directory / "elsewhere", directory / "state/run");
+        load();
+        check(logged("is a symbolic link") == 1, "the reason is logged");
+        check(fs::is_empty(directory / "elsewhere"), "nothing is put there");
+    });
+}
+
+TEST_F(RumaAgent, ReportsAnAgentUserWhoDoesNotExist) {
+    expect_of_a_process([this] {
+        write_file(directory / "platform.toml", "[agent]\nuser = \"no-such-user\"\n");
+        fs::create_directory(directory / "state");
+        load();
+        check(logged("there is no user no-such-user") == 1, "the reason is logged");
+        check(!receives(), "nothing is received");
+    });
+}
+
+} // namespace
