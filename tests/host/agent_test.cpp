@@ -59,6 +59,17 @@ class ErrorLog : public testing::Test {
     void SetUp() override {
         fs::remove(path);
         fs::remove(path + ".1");
+        ruma::leave_request();
+    }
+    void TearDown() override { ruma::leave_request(); }
+
+    static netsnmp_pdu request_of(long version, std::string &user) {
+        netsnmp_pdu pdu{};
+        pdu.version = version;
+        pdu.sessid = 42;
+        pdu.securityName = user.data();
+        pdu.securityNameLen = user.size();
+        return pdu;
     }
 
     static int log(int32_t code, const std::string &text) {
@@ -91,6 +102,38 @@ TEST_F(ErrorLog, GoesToTheAgentsLogToo) {
                 testing::HasSubstr("error 0x4049001c: for the agent\n"));
 }
 
+TEST_F(ErrorLog, NamesTheUserAndTheSessionOfTheRequest) {
+    std::string user = "flashadmin";
+    ruma::enter_request(request_of(SNMP_VERSION_3, user));
+    ASSERT_EQ(log(0x4049001C, "Invalid source file"), 0);
+    const std::string expected = "Invalid source file, user flashadmin, session 42\n";
+    EXPECT_THAT(read_file(path), testing::EndsWith("Z, 0x4049001c, " + expected));
+    EXPECT_THAT(read_file(ruma::run_dir() + "/agent.log"), testing::HasSubstr(": " + expected));
+}
+
+TEST_F(ErrorLog, NamesTheSessionAloneOfARequestWithoutUser) {
+    std::string community = "secret";
+    ruma::enter_request(request_of(SNMP_VERSION_2c, community));
+    ASSERT_EQ(log(1, "x"), 0);
+    EXPECT_THAT(read_file(path), testing::EndsWith(", x, session 42\n"));
+}
+
+TEST_F(ErrorLog, NamesNobodyWhenTheRequestIsOver) {
+    std::string user = "flashadmin";
+    ruma::enter_request(request_of(SNMP_VERSION_3, user));
+    ruma::leave_request();
+    ASSERT_EQ(log(1, "x"), 0);
+    EXPECT_THAT(read_file(path), testing::EndsWith(", x\n"));
+}
+
+TEST_F(ErrorLog, EscapesAUserNameThatWouldReadAsMoreThanOneField) {
+    std::string user = "a\nb, session 7\x1b";
+    ruma::enter_request(request_of(SNMP_VERSION_3, user));
+    ASSERT_EQ(log(1, "x"), 0);
+    EXPECT_THAT(read_file(path),
+                testing::EndsWith(", x, user a\\nb\\x2c session 7\\x1b, session 42\n"));
+}
+
 TEST_F(ErrorLog, ShowsNegativeCodes) {
     ASSERT_EQ(log(-1, "x"), 0);
     EXPECT_THAT(read_file(path), testing::HasSubstr(", 0xffffffff, x\n"));
@@ -108,7 +151,7 @@ TEST_F(ErrorLog, IsReadableByItsGroupOnly) {
 
 TEST_F(ErrorLog, EscapesControlCharactersAndTheEscapeItself) {
     ASSERT_EQ(log(1, "a\nb\tc\\d\x1b[0m\x7f\x9b"), 0);
-    EXPECT_THAT(read_file(path), testing::EndsWith(", a\\x0ab\\x09c\\x5cd\\x1b[0m\\x7f\\x9b\n"));
+    EXPECT_THAT(read_file(path), testing::EndsWith(", a\\nb\\x09c\\\\d\\x1b[0m\\x7f\\x9b\n"));
 }
 
 TEST_F(ErrorLog, TakesATextWithoutTerminator) {

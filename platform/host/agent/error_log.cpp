@@ -1,8 +1,10 @@
 #include <ruma/agent.h>
 
+#include "agent/request.h"
 #include "config/config.h"
+#include "printable.h"
+#include "unique_fd.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -19,22 +21,14 @@ constexpr mode_t log_mode = 0640;
 
 static_assert(sizeof(snmp_error_record) == 472);
 
-// The record's text with everything but printable ASCII escaped: a line stays one line, and no
-// terminal that shows it is driven by it.
-std::string printable(const snmp_error_record &record) {
-    std::string text;
-    const std::size_t length = strnlen(record.text, sizeof record.text);
-    for (std::size_t i = 0; i < length; ++i) {
-        const auto c = static_cast<unsigned char>(record.text[i]);
-        if (c >= 0x20 && c < 0x7f && c != '\\') {
-            text += static_cast<char>(c);
-        } else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(c));
-            text += escaped;
-        }
-    }
-    return text;
+// Who asked for what went wrong, as a line's last fields. Separators are escaped in the name, lest
+// a user reads as two fields.
+std::string requester() {
+    if (!ruma::serving_request())
+        return {};
+    const std::string user = ruma::printable(get_snmp_username(0), ",");
+    return (user.empty() ? "" : ", user " + user) + ", session " +
+           std::to_string(get_snmp_sessionid(0));
 }
 
 std::string utc_time() {
@@ -46,21 +40,17 @@ std::string utc_time() {
     return text;
 }
 
-// Opens the log for appending and tells its size. Returns a descriptor, or -1.
-int open_log(const std::string &path, off_t &size) {
-    const int log =
-        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
-             log_mode);
-    if (log < 0)
-        return -1;
+// Opens the log for appending and tells its size. Empty when it cannot be used.
+ruma::UniqueFd open_log(const std::string &path, off_t &size) {
+    ruma::UniqueFd log(open(path.c_str(),
+                            O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+                            log_mode));
     struct stat status {};
-    if (fstat(log, &status) != 0 || !S_ISREG(status.st_mode)) {
-        close(log);
-        return -1;
-    }
+    if (!log || fstat(log.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return {};
     // The agent's umask may have cut the mode of a new file.
     if (status.st_size == 0)
-        static_cast<void>(fchmod(log, log_mode));
+        static_cast<void>(fchmod(log.get(), log_mode));
     size = status.st_size;
     return log;
 }
@@ -68,18 +58,16 @@ int open_log(const std::string &path, off_t &size) {
 int append(const std::string &line) {
     const std::string path = ruma::run_dir() + "/snmp-errors.log";
     off_t size = 0;
-    int log = open_log(path, size);
-    if (log >= 0 && size + static_cast<off_t>(line.size()) > max_size) {
-        close(log);
+    ruma::UniqueFd log = open_log(path, size);
+    if (log && size + static_cast<off_t>(line.size()) > max_size) {
+        log.close();
         if (rename(path.c_str(), (path + ".1").c_str()) != 0)
             return -1;
         log = open_log(path, size);
     }
-    if (log < 0)
+    if (!log)
         return -1;
-    const bool written = write(log, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    close(log);
-    return written ? 0 : -1;
+    return write(log.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size()) ? 0 : -1;
 }
 
 } // namespace
@@ -88,7 +76,9 @@ extern "C" int log_snmp_error(const struct snmp_error_record *record) {
     if (record == nullptr)
         return -1;
     try {
-        const std::string text = printable(*record);
+        const std::string text =
+            ruma::printable({record->text, strnlen(record->text, sizeof record->text)}) +
+            requester();
         char code[16];
         std::snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(record->code));
         snmp_log(LOG_WARNING, "error %s: %s\n", code, text.c_str());

@@ -10,12 +10,14 @@ namespace {
 struct Requester {
     char user[256];
     int32_t session;
+    bool known; // there is a request
 };
 
 Requester checked;
 
 void fill(Requester &requester, const netsnmp_pdu &pdu) {
     requester = {};
+    requester.known = true;
     requester.session = static_cast<int32_t>(pdu.sessid);
     // The other versions carry a community, which is no user.
     if (pdu.version == SNMP_VERSION_3 && pdu.securityName != nullptr)
@@ -41,6 +43,8 @@ namespace ruma {
 void enter_request(const netsnmp_pdu &pdu) { fill(checked, pdu); }
 
 void leave_request() { checked = {}; }
+
+bool serving_request() { return requester().known; }
 
 } // namespace ruma
 

@@ -13,6 +13,9 @@ void enter_request(const netsnmp_pdu &pdu);
 // Forgets the request: the agent has answered it.
 void leave_request();
 
+// Whether the agent is serving a request.
+bool serving_request();
+
 } // namespace ruma
 
 #endif
