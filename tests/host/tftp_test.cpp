@@ -1,3 +1,5 @@
+#include "tftp/local_result.h"
+
 #include <ruma/tftp.h>
 
 #include <gmock/gmock.h>
@@ -10,6 +12,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +28,25 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+
+// What the next calls of fsync fail with; 0 lets one through.
+std::vector<int> fsync_errors;
+
+} // namespace
+
+// Stands before the C library's own.
+extern "C" int fsync(int descriptor) {
+    static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+    if (!fsync_errors.empty()) {
+        errno = fsync_errors.front();
+        fsync_errors.erase(fsync_errors.begin());
+        if (errno != 0)
+            return -1;
+    }
+    return real(descriptor);
+}
 
 namespace {
 
@@ -291,6 +313,34 @@ TEST_F(TftpServed, AFullLocalDiskIsNoSpace) {
     stop();
     ASSERT_EQ(chdir("/"), 0);
     EXPECT_EQ(umount(local.c_str()), 0);
+}
+
+TEST_F(TftpServed, AQuotaUsedUpIsNoSpaceOfThisSide) {
+    start();
+    write_file(server / "there", "text");
+    write_file(local / "here", "old");
+    fsync_errors = {EDQUOT};
+    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), -ENOSPC);
+    EXPECT_TRUE(fsync_errors.empty());
+    EXPECT_EQ(read_file(local / "here"), "old");
+    EXPECT_THAT(local_files(), testing::ElementsAre("here"));
+}
+
+TEST_F(TftpServed, ADirectoryThatCannotBeMadeDurableIsAnError) {
+    start();
+    write_file(server / "there", "text");
+    fsync_errors = {0, EIO};
+    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), -EIO);
+    EXPECT_TRUE(fsync_errors.empty());
+}
+
+TEST_F(TftpServed, AFileSystemThatCannotSyncDirectoriesIsNoError) {
+    start();
+    write_file(server / "there", "text");
+    fsync_errors = {0, EINVAL};
+    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
+    EXPECT_TRUE(fsync_errors.empty());
+    EXPECT_EQ(read_file(local / "here"), "text");
 }
 
 TEST_F(TftpServed, AFullServerIsNoSpaceOfTheServer) {
@@ -645,6 +695,32 @@ TEST_F(Tftp, MissingArgumentsAreRefused) {
     EXPECT_EQ(tftp_get2("there", nullptr, 0), -EINVAL);
     EXPECT_EQ(tftp_get2("there", "here", 1), -EINVAL);
     EXPECT_EQ(tftp_put(nullptr, 0), -EINVAL);
+}
+
+TEST(TftpLocalResult, IsTheNegativeErrnoUpTo100) {
+    for (int error = 0; error <= 100; ++error)
+        EXPECT_EQ(ruma::local_result(error), -error);
+}
+
+TEST(TftpLocalResult, OfAnotherErrnoIsNoResultOfTheServer) {
+    for (int error = 101; error <= 4095; ++error) {
+        const int expected = error == ETIMEDOUT ? -ETIMEDOUT : error == EDQUOT ? -ENOSPC : -EIO;
+        EXPECT_EQ(ruma::local_result(error), expected) << error;
+    }
+}
+
+TEST(TftpUnconnected, TransfersNothing) {
+    // In a process that starts anew, since this one may have named a server already.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        _exit(tftp_put("sent", 0) == -EDESTADDRREQ && tftp_get2("there", "here", 0) == -EDESTADDRREQ
+                  ? 0
+                  : 1),
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(TftpStrerror, DoesNotTakeAServersErrorForALocalOne) {
+    EXPECT_STREQ(tftp_strerror(-(100 + EISDIR)), "Unknown error");
 }
 
 TEST(TftpStrerror, TellsTheServersErrorsFromLocalOnes) {

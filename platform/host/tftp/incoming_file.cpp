@@ -25,6 +25,15 @@ std::string directory_of(const std::string &path) {
     return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
+// Makes the names in a directory durable. One that may not be read, or a file system that knows no
+// such thing, has to do without.
+int sync_directory(const std::string &path) {
+    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || fsync(directory.get()) == 0 || errno == EINVAL)
+        return 0;
+    return errno;
+}
+
 constexpr const char *temporary_prefix = ".tftp-";
 
 } // namespace
@@ -32,8 +41,6 @@ constexpr const char *temporary_prefix = ".tftp-";
 IncomingFile::~IncomingFile() {
     if (!temporary_.empty())
         unlink(temporary_.c_str());
-    if (descriptor_ >= 0)
-        close(descriptor_);
 }
 
 int IncomingFile::open(const std::string &destination) {
@@ -50,22 +57,22 @@ int IncomingFile::open(const std::string &destination) {
     }
     destination_ = destination;
     if (access("/proc/self/fd", X_OK) == 0)
-        descriptor_ =
-            ::open(directory_of(destination).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-    return descriptor_ >= 0 ? 0 : open_named();
+        file_ = UniqueFd(
+            ::open(directory_of(destination).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    return file_ ? 0 : open_named();
 }
 
 int IncomingFile::open_named() {
     temporary_ = directory_of(destination_) + temporary_prefix + "XXXXXX";
-    descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
-    if (descriptor_ >= 0)
+    file_ = UniqueFd(mkostemp(temporary_.data(), O_CLOEXEC));
+    if (file_)
         return 0;
     temporary_.clear();
     return errno;
 }
 
 int IncomingFile::give_name() {
-    const std::string source = descriptor_path(descriptor_);
+    const std::string source = descriptor_path(file_.get());
     for (int i = 0; i < max_name_attempts; ++i) {
         char suffix[16];
         std::snprintf(suffix, sizeof suffix, "%06lx",
@@ -82,7 +89,7 @@ int IncomingFile::give_name() {
 }
 
 int IncomingFile::commit() {
-    if (fchmod(descriptor_, mode_) != 0 || fsync(descriptor_) != 0)
+    if (fchmod(file_.get(), mode_) != 0 || fsync(file_.get()) != 0)
         return errno;
     if (temporary_.empty()) {
         if (const int error = give_name())
@@ -91,7 +98,7 @@ int IncomingFile::commit() {
     if (rename(temporary_.c_str(), destination_.c_str()) != 0)
         return errno;
     temporary_.clear();
-    return 0;
+    return sync_directory(directory_of(destination_));
 }
 
 } // namespace ruma

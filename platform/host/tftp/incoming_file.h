@@ -2,6 +2,8 @@
 #ifndef RUMA_HOST_TFTP_INCOMING_FILE_H
 #define RUMA_HOST_TFTP_INCOMING_FILE_H
 
+#include "unique_fd.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -24,9 +26,10 @@ class IncomingFile {
     int open(const std::string &destination);
 
     // Where to write the content.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return file_.get(); }
 
-    // Makes the content durable and moves it to the destination. Returns 0 or an errno.
+    // Makes the content durable, moves it to the destination and makes that durable too. Returns 0
+    // or an errno, after the last step's with the destination already replaced.
     int commit();
 
   private:
@@ -36,7 +39,7 @@ class IncomingFile {
     std::string destination_;
     std::string temporary_; // empty while the content has no name
     mode_t mode_ = 0600;
-    int descriptor_ = -1;
+    UniqueFd file_;
 };
 
 } // namespace ruma

@@ -1,6 +1,8 @@
 #include <ruma/tftp.h>
 
 #include "tftp/incoming_file.h"
+#include "tftp/local_result.h"
+#include "unique_fd.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -17,12 +19,12 @@
 
 namespace {
 
+using ruma::local_result;
 using Clock = std::chrono::steady_clock;
 
 constexpr int tftp_port = 69;
-constexpr int server_error = 100; // results below its negative are the server's
+constexpr int server_error = ruma::tftp_server_error;
 constexpr long block_size = 1468; // fills an Ethernet frame; a server may answer with less
-constexpr int max_errno = 4095;
 constexpr std::size_t max_remote_name = 400; // a request with its options has 512 bytes
 
 std::chrono::seconds timeout{20};
@@ -110,7 +112,7 @@ int result_of(CURLcode code, const Transfer &transfer) {
     if (code == CURLE_OK)
         return 0;
     if (transfer.local_error != 0)
-        return -transfer.local_error;
+        return local_result(transfer.local_error);
     if (transfer.timed_out)
         return -ETIMEDOUT;
     for (const Outcome &outcome : outcomes) {
@@ -178,38 +180,32 @@ int get(const char *remote, const char *local) {
         return -ENOMEM;
     ruma::IncomingFile file;
     if (const int error = file.open(local))
-        return -error;
+        return local_result(error);
     Transfer transfer;
     transfer.descriptor = file.descriptor();
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, write_file);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &transfer);
     const int result = run(curl.get(), remote, transfer);
-    return result != 0 ? result : -file.commit();
+    return result != 0 ? result : local_result(file.commit());
 }
 
 int put(const char *path) {
     Handle curl(prepare_library() ? curl_easy_init() : nullptr, curl_easy_cleanup);
     if (!curl)
         return -ENOMEM;
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0)
-        return -errno;
+    const ruma::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    int result = fstat(descriptor, &status) != 0 ? -errno : 0;
-    if (result == 0 && !S_ISREG(status.st_mode))
-        result = S_ISDIR(status.st_mode) ? -EISDIR : -EINVAL;
-    if (result == 0) {
-        Transfer transfer;
-        transfer.descriptor = descriptor;
-        curl_easy_setopt(curl.get(), CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(curl.get(), CURLOPT_READFUNCTION, read_file);
-        curl_easy_setopt(curl.get(), CURLOPT_READDATA, &transfer);
-        curl_easy_setopt(curl.get(), CURLOPT_INFILESIZE_LARGE,
-                         static_cast<curl_off_t>(status.st_size));
-        result = run(curl.get(), path, transfer);
-    }
-    close(descriptor);
-    return result;
+    if (!file || fstat(file.get(), &status) != 0)
+        return local_result(errno);
+    if (!S_ISREG(status.st_mode))
+        return S_ISDIR(status.st_mode) ? -EISDIR : -EINVAL;
+    Transfer transfer;
+    transfer.descriptor = file.get();
+    curl_easy_setopt(curl.get(), CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl.get(), CURLOPT_READFUNCTION, read_file);
+    curl_easy_setopt(curl.get(), CURLOPT_READDATA, &transfer);
+    curl_easy_setopt(curl.get(), CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(status.st_size));
+    return run(curl.get(), path, transfer);
 }
 
 } // namespace
@@ -238,7 +234,7 @@ int tftp_get2(const char *remote, const char *local, int flags) {
     if (remote == nullptr || local == nullptr || flags != 0)
         return -EINVAL;
     if (server_address[0] == '\0')
-        return -ENOTCONN;
+        return -EDESTADDRREQ;
     try {
         return get(remote, local);
     } catch (const std::bad_alloc &) {
@@ -250,7 +246,7 @@ int tftp_put(const char *file, int flags) {
     if (file == nullptr || flags != 0)
         return -EINVAL;
     if (server_address[0] == '\0')
-        return -ENOTCONN;
+        return -EDESTADDRREQ;
     try {
         return put(file);
     } catch (const std::bad_alloc &) {
@@ -266,9 +262,9 @@ const char *tftp_strerror(int result) {
     }
     if (result >= 0)
         return "Success";
-    if (result < -max_errno)
+    // All errors that the server can report are in the table.
+    if (result < -server_error)
         return "Unknown error";
-    // The local errors have numbers of their own, apart from those in the table.
     return strerror_r(-result, text, sizeof text);
 }
 }

@@ -1,7 +1,9 @@
 /* TFTP client of one process: one server, one transfer at a time, binary mode.
  *
  * Results are 0 for success and negative for an error: -errno for an error on this side,
- * -(100 + errno) for one that the server reported.
+ * -(100 + errno) for one that the server reported. The two do not overlap: of this side's errors
+ * with an errno above 100, a quota that is used up is -ENOSPC, silence of the server is -ETIMEDOUT,
+ * and every other one is -EIO.
  *
  * All of it is called in a worker forked from the agent, in which no descriptor opened before the
  * fork is left. */
@@ -21,8 +23,8 @@ int tftp_timeout_set(int seconds);
 int tftp_connect(const char *server, int port);
 
 /* Fetches the file `remote` into the local file `local`, which appears or changes only when all of
- * it has arrived. `flags` is 0. Blocks until the transfer ends or the server is silent for the
- * time set. */
+ * it has arrived. A new file has the mode 0600, one that is replaced keeps its mode. `flags` is 0.
+ * Blocks until the transfer ends or the server is silent for the time set. */
 int tftp_get2(const char *remote, const char *local, int flags);
 
 /* Sends the local file `file`, under the same name to the server. `flags` is 0. Blocks as
