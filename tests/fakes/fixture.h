@@ -3,6 +3,7 @@
 #ifndef FAKES_FIXTURE_H
 #define FAKES_FIXTURE_H
 
+#include "fakes/module.h"
 #include "fakes/platform.h"
 #include "fakes/system.h"
 
@@ -15,11 +16,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace fakes {
@@ -38,17 +42,39 @@ inline void empty_tables() {
     }
 }
 
-// Starts every test with both tables empty, no worker, fresh fakes and nothing recorded.
+// Closes the module's pipe and streams, as the end of the process would.
+inline void close_streams() {
+    std::FILE **const streams[] = {&read_stream, &write_stream}; // in the order of mypipe
+    for (size_t end = 0; end < 2; ++end) {
+        if (*streams[end] != nullptr)
+            std::fclose(*streams[end]);
+        else if (mypipe[end] >= 0)
+            ::close(mypipe[end]);
+        *streams[end] = nullptr;
+        mypipe[end] = -1;
+    }
+}
+
+// Has the module know of no worker, neither a running nor a reaped one.
+inline void forget_workers() {
+    flashCopyEntry row{};
+    start_flash_copy(&row); // forgets the one reaped last; the fake's fork makes no process
+    flash_copy_pid = 0;
+}
+
+// Starts every test with both tables empty, no worker, fresh fakes and nothing recorded. Ends it
+// with the module's pipe closed.
 class FlashTest : public testing::Test {
   protected:
     void SetUp() override {
         reset();
         empty_tables();
-        flash_copy_pid = 0;
+        forget_workers();
         reset();
     }
     void TearDown() override {
         reset();
+        close_streams();
         empty_tables();
     }
 };
@@ -200,6 +226,13 @@ inline int set_phase(WriteMethod *method, int action, int magic, oid index, u_ch
                               static_cast<const u_char *>(value) + length);
     return method(action, value == nullptr ? nullptr : bytes.data(), type, length, current,
                   name.data(), name.size());
+}
+// The low bytes of an integer, in the order in which this host would hold them.
+inline std::string low_bytes(int32_t value, size_t length) {
+    char bytes[sizeof value];
+    std::memcpy(bytes, &value, sizeof value);
+    const size_t first = std::endian::native == std::endian::big ? sizeof value - length : 0;
+    return std::string(bytes + first, length);
 }
 inline int set_integer(WriteMethod *method, int action, int magic, oid index, long value,
                        u_char *current = nullptr) {

@@ -1,5 +1,6 @@
 #include "fakes/platform.h"
 
+#include "fakes/module.h"
 #include "fakes/system.h"
 
 #include <algorithm>
@@ -195,6 +196,7 @@ Platform &platform() {
 void reset() {
     platform() = Platform();
     reset_system();
+    reset_module();
     lines().clear();
 }
 

@@ -234,8 +234,8 @@ constexpr uint32_t trace_id = 0x730000;
 
 Platform &platform();
 
-// Puts every script back and forgets what was recorded, of system.h too. Containers keep their
-// objects: they belong to the module.
+// Puts every script back and forgets what was recorded, of system.h and module.h too. Containers
+// keep their objects: they belong to the module.
 void reset();
 
 // Forgets what was recorded; scripts stay.

@@ -71,7 +71,8 @@ System::System()
       chmod([](const char *, mode_t) { return 0; }, __real_chmod), unlink(__real_unlink),
       pipe(__real_pipe), fdopen(__real_fdopen), time([] { return __real_time(nullptr); }),
       gettimeofday([](timeval *now) { return __real_gettimeofday(now, nullptr); }),
-      sleep([](unsigned int) { return 0U; }, __real_sleep), timeval_uptime([](const timeval *at) {
+      sleep([](unsigned int) { return 0U; }, __real_sleep), close_range(__real_close_range),
+      setpgid(__real_setpgid), timeval_uptime([](const timeval *at) {
           return static_cast<u_long>(at->tv_sec) * 100 + static_cast<u_long>(at->tv_usec) / 10000;
       }),
       register_mib([](const Registration &) { return MIB_REGISTERED_OK; }),
@@ -269,7 +270,7 @@ unsigned int __wrap_sleep(unsigned int seconds) {
 
 int __wrap_setpgid(pid_t pid, pid_t group) {
     if (!fakes::in_child)
-        return __real_setpgid(pid, group);
+        return os().setpgid(pid, group);
     record(Kind::call, "setpgid pid=%d group=%d", pid, group);
     return 0;
 }
@@ -291,7 +292,7 @@ void __wrap_closefrom(int first) {
 
 int __wrap_close_range(unsigned int first, unsigned int last, int flags) {
     if (!fakes::in_child)
-        return __real_close_range(first, last, flags);
+        return os().close_range(first, last, flags);
     record(Kind::call, "close_range first=%u last=%u flags=%d", first, last, flags);
     return 0;
 }

@@ -22,8 +22,9 @@
 //     snmp_set_detail, snmp_log, debugmsgtoken, debugmsg
 //                             recorded as a line and otherwise without effect; os().agent_log has
 //                             snmp_log's {priority, text}
-//     close, closefrom, close_range, setpgid
+//     os().close_range, .setpgid
 //                             the real ones; in run_as_child() recorded and without effect
+//     close, closefrom        likewise, but not scripted
 //     malloc, calloc, free    the real ones; malloc's memory is filled with 0xa5. fail_allocation()
 //                             makes one fail. Only calls of the code linked into the test program
 //                             are seen, so neither C++'s own nor net-snmp's
@@ -94,6 +95,8 @@ struct System {
     Call<time_t()> time;
     Call<int(timeval *)> gettimeofday;
     Call<unsigned int(unsigned int)> sleep;
+    Call<int(unsigned int, unsigned int, int)> close_range;
+    Call<int(pid_t, pid_t)> setpgid;
     Call<u_long(const timeval *)> timeval_uptime;
     Call<int(const Registration &)> register_mib;
     Call<int(const std::vector<oid> &)> unregister_mib;
