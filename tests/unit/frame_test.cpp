@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <set>
 #include <unistd.h>
+
+extern "C" int __real_pipe(int *descriptors);
 
 namespace {
 
@@ -26,23 +29,6 @@ class FrameTest : public fakes::FlashTest {
         fakes::FlashTest::SetUp();
         pipe_status = 0;
     }
-    void TearDown() override {
-        close_streams();
-        fakes::FlashTest::TearDown();
-    }
-
-    // Closes what a start left open, as the end of the process would.
-    static void close_streams() {
-        std::FILE **streams[] = {&read_stream, &write_stream};
-        for (size_t end = 0; end < 2; ++end) {
-            if (*streams[end] != nullptr)
-                std::fclose(*streams[end]);
-            else if (mypipe[end] >= 0)
-                close(mypipe[end]);
-            *streams[end] = nullptr;
-            mypipe[end] = -1;
-        }
-    }
 
     static std::string registration_line() {
         return "register_mib name=orvex_flash_mib row_size=" + std::to_string(sizeof(variable7)) +
@@ -55,6 +41,8 @@ class FrameTest : public fakes::FlashTest {
             return -1;
         });
     }
+    // As the system's own does: the descriptors are not touched.
+    static void fail_pipe_untouched() { os().pipe.always(-1, EMFILE); }
     static bool is_open(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 };
 
@@ -150,7 +138,7 @@ TEST_F(FrameTest, AFailingRegistrationEmitsTwoDebugLinesWhenDebuggingIsOn) {
     for (const int failure : {MIB_REGISTRATION_FAILED, MIB_DUPLICATE_REGISTRATION}) {
         fakes::forget();
         os().register_mib.always(failure);
-        close_streams();
+        fakes::close_streams();
         init_orvex_flash_mib();
         EXPECT_EQ(
             fakes::calls("debugmsg token"),
@@ -236,6 +224,94 @@ TEST_F(FrameTest, AReadStreamThatDoesNotOpenLeavesTheWriteStreamOpen) {
               (fakes::Trace{101, "Could not open the stream for reading; ERRNO=" +
                                      std::to_string(EMFILE) + "\n"}));
     EXPECT_FALSE(fakes::traced(101, "Read and Write Streams are OPEN.\n"));
+}
+
+TEST_F(FrameTest, ThePipeIsClosedAtExec) {
+    init_orvex_flash_mib();
+    for (const int descriptor : mypipe)
+        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(FrameTest, TheTablesAreServedAfterAFailingPipe) {
+    fail_pipe_untouched();
+    fakes::Capture errors(STDERR_FILENO);
+    init_orvex_flash_mib();
+    fakes::add_copy_row(7);
+    fakes::add_misc_row(9);
+    flashDeviceEntry device{};
+    device.index = 3;
+    device.size = 4096;
+    platform().answers = {fakes::answer(device)};
+    EXPECT_EQ(fakes::get(flash::magicScalar, {0}).integer(), 1);
+    EXPECT_EQ(fakes::getnext(flash::magicCopyCommand).name,
+              fakes::instance_of(flash::magicCopyCommand, {7}));
+    EXPECT_EQ(fakes::get(flash::magicMiscOpCommand, {9}).integer(), flash::miscOpDelete);
+    EXPECT_EQ(fakes::get(flash::magicDeviceSize, {3}).counter(), 4096U);
+}
+
+// A second start
+
+TEST_F(FrameTest, ASecondStartClosesTheFormerPipe) {
+    init_orvex_flash_mib();
+    const int former[] = {mypipe[0], mypipe[1]};
+    os().pipe.does([](int *descriptors) { // out of the way of the former ones
+        int low[2];
+        if (__real_pipe(low) != 0)
+            return -1;
+        for (int end = 0; end < 2; ++end) {
+            descriptors[end] = fcntl(low[end], F_DUPFD, 500);
+            ::close(low[end]);
+        }
+        return 0;
+    });
+    init_orvex_flash_mib();
+    EXPECT_FALSE(is_open(former[0]));
+    EXPECT_FALSE(is_open(former[1]));
+    EXPECT_TRUE(is_open(mypipe[0]));
+    EXPECT_TRUE(is_open(mypipe[1]));
+}
+
+TEST_F(FrameTest, ASecondStartClosesAFormerPipeWithoutStreams) {
+    os().fdopen.returns(nullptr, ENOMEM);
+    init_orvex_flash_mib();
+    const int former[] = {mypipe[0], mypipe[1]};
+    ASSERT_TRUE(is_open(former[0]));
+    fail_pipe_untouched();
+    fakes::Capture errors(STDERR_FILENO);
+    init_orvex_flash_mib();
+    EXPECT_FALSE(is_open(former[0]));
+    EXPECT_FALSE(is_open(former[1]));
+}
+
+TEST_F(FrameTest, AfterASecondStartTheWriteStreamLeadsToTheReadStream) {
+    init_orvex_flash_mib();
+    std::fputs("1:1\n", write_stream);
+    std::fflush(write_stream);
+    init_orvex_flash_mib();
+    ASSERT_NE(write_stream, nullptr);
+    ASSERT_NE(read_stream, nullptr);
+    EXPECT_EQ(fileno(write_stream), mypipe[1]);
+    EXPECT_EQ(fileno(read_stream), mypipe[0]);
+    std::fputs("2:5\n", write_stream);
+    std::fflush(write_stream);
+    char line[20] = "";
+    ASSERT_NE(std::fgets(line, sizeof line, read_stream), nullptr);
+    EXPECT_STREQ(line, "2:5\n");
+}
+
+TEST_F(FrameTest, APipeThatFailsAtASecondStartLeavesNeitherDescriptorsNorStreams) {
+    init_orvex_flash_mib();
+    const int former[] = {mypipe[0], mypipe[1]};
+    fail_pipe_untouched();
+    fakes::Capture errors(STDERR_FILENO);
+    init_orvex_flash_mib();
+    EXPECT_EQ(errors.text(), "Could not open the pipe\n");
+    EXPECT_THAT(mypipe, ElementsAre(-1, -1));
+    EXPECT_EQ(write_stream, nullptr);
+    EXPECT_EQ(read_stream, nullptr);
+    EXPECT_EQ(pipe_status, 2);
+    EXPECT_FALSE(is_open(former[0]));
+    EXPECT_FALSE(is_open(former[1]));
 }
 
 // Stop
@@ -395,6 +471,22 @@ TEST_F(FrameTest, AnErrorTextLongerThan200CharactersIsCutAt200) {
         EXPECT_STREQ(platform().errors[0].text, text.substr(0, 200).c_str()) << length;
         EXPECT_EQ(platform().errors[0].text[200], '\0') << length;
     }
+}
+
+TEST_F(FrameTest, NothingButCodeAndTextOfTheErrorRecordIsFilled) {
+    platform().error_formats[1] = std::string(200, 'x');
+    platform().error_formats[2] = "short";
+    flash_log_snmp_error(1);
+    flash_log_snmp_error(2);
+    ASSERT_EQ(platform().errors.size(), 2U);
+    snmp_error_record expected{};
+    expected.code = 1;
+    std::fill_n(expected.text, 200, 'x');
+    EXPECT_EQ(fakes::bytes_of(platform().errors[0]), fakes::bytes_of(expected));
+    expected = {};
+    expected.code = 2;
+    std::strcpy(expected.text, "short");
+    EXPECT_EQ(fakes::bytes_of(platform().errors[1]), fakes::bytes_of(expected));
 }
 
 TEST_F(FrameTest, AShorterErrorTextLeavesNothingOfALongerOneBefore) {

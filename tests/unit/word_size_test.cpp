@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <limits>
-#include <unistd.h>
 
 namespace {
 
@@ -43,8 +42,6 @@ TEST_F(WordSize, FiftyRowsOfTheAgentsOwnSizeAreRegistered) {
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_THAT(lines[0],
                 testing::HasSubstr(" row_size=" + std::to_string(sizeof(variable7)) + " rows=50 "));
-    std::fclose(write_stream);
-    std::fclose(read_stream);
 }
 
 // A 32-bit column of an inventory record.
