@@ -959,6 +959,31 @@ TEST_F(SetCommand, AValueOfFourBytesIsStored) {
     }
 }
 
+TEST_F(SetCommand, AValueOfOneToThreeBytesIsStoredWithoutASign) {
+    const Column column = copy_command();
+    const struct {
+        int32_t value;
+        size_t length;
+        const char *stored;
+    } cases[] = {{3, 1, "3"},
+                 {3, 2, "3"},
+                 {3, 3, "3"},
+                 {0x7F, 1, "127"},
+                 {0xFF, 1, "255"},
+                 {0x0102, 2, "258"},
+                 {0xFFFF, 2, "65535"},
+                 {0x010203, 3, "66051"},
+                 {0xFFFFFF, 3, "16777215"}};
+    for (const auto &[value, length, stored] : cases) {
+        SCOPED_TRACE(stored);
+        fakes::empty_tables();
+        column.add(7, flash::rowNotReady, "9");
+        for (Phase phase : {reserve1, reserve2, action, commit})
+            EXPECT_EQ(column.call(phase, 7, fakes::low_bytes(value, length)), no_error);
+        EXPECT_EQ(column.read(7), stored);
+    }
+}
+
 TEST_F(SetCommand, AValueOfNoBytesIsZero) {
     const Column column = copy_command();
     column.add(7, flash::rowNotReady, "9");
@@ -972,7 +997,9 @@ TEST_F(SetCommand, AValueOfNoBytesIsZero) {
 TEST_F(SetProtocol, OneToSixButThreeAreAcceptedAndStored) {
     const Column column = copy_protocol();
     for (int32_t value : {1, 2, 4, 5, 6})
-        for (const std::string &bytes : {bytes_of_long(value), bytes_of_word(value)}) {
+        for (const std::string &bytes :
+             {bytes_of_long(value), bytes_of_word(value), fakes::low_bytes(value, 3),
+              fakes::low_bytes(value, 2), fakes::low_bytes(value, 1)}) {
             fakes::empty_tables();
             column.add(7, flash::rowNotReady, "9");
             for (Phase phase : {reserve1, reserve2, action, commit})
