@@ -16,6 +16,7 @@
 #include <iterator>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <thread>
@@ -25,6 +26,7 @@ extern "C" {
 pid_t __real_fork(void);
 pid_t __real_waitpid(pid_t pid, int *status, int options);
 int __real_kill(pid_t pid, int signal);
+int __real_setpgid(pid_t pid, pid_t group);
 int __real_system(const char *command);
 int __real_snmp_log(int priority, const char *format, ...);
 }
@@ -351,6 +353,9 @@ struct Shared {
 
 void agents_handler(int) {}
 
+// Counts the SIGTERM that a process gets.
+std::atomic<int> *terminations = nullptr;
+
 void look_around(Shared &shared) {
     shared.process = getpid();
     shared.group = getpgrp();
@@ -616,8 +621,47 @@ TEST_F(WorkerTest, ClosesItsDescriptorsWithoutAPipe) {
     EXPECT_EQ(shared->open_count, 0);
 }
 
-// The agent's log in a file, as `snmpd -Lf` has it.
-class WorkerWithLogFileTest : public WorkerTest {
+// Where close_range() does not exist.
+class WorkerWithoutCloseRangeTest : public WorkerTest {
+  protected:
+    void SetUp() override {
+        WorkerTest::SetUp();
+        os().close_range.always(-1, ENOSYS);
+        // Descriptors are closed one by one up to this limit.
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former_), 0);
+        rlimit low = former_;
+        low.rlim_cur = 1024;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    }
+    void TearDown() override {
+        setrlimit(RLIMIT_NOFILE, &former_);
+        WorkerTest::TearDown();
+    }
+
+  private:
+    rlimit former_{};
+};
+
+TEST_F(WorkerWithoutCloseRangeTest, HasNoDescriptorAboveTwoButThePipe) {
+    const int high = fcntl(mypipe[0], F_DUPFD, 1023);
+    const int low = open("/dev/null", O_RDONLY);
+    ASSERT_EQ(high, 1023);
+    ASSERT_GE(low, 3);
+    run(request(1));
+    ::close(high);
+    ::close(low);
+    ASSERT_EQ(shared->reached, 1);
+    std::vector<int> left(shared->open, shared->open + shared->open_count);
+    std::vector<int> pipe(std::begin(mypipe), std::end(mypipe));
+    std::sort(pipe.begin(), pipe.end());
+    EXPECT_EQ(left, pipe);
+}
+
+// How an agent opens its log file: afresh, or with -A behind what it holds.
+enum LogMode { truncating = 0, appending = 1 };
+
+// The agent's log in a file.
+class WorkerWithLogFileTest : public WorkerTest, public testing::WithParamInterface<LogMode> {
   protected:
     void SetUp() override {
         WorkerTest::SetUp();
@@ -626,40 +670,85 @@ class WorkerWithLogFileTest : public WorkerTest {
         ASSERT_GE(descriptor, 0);
         ::close(descriptor);
         path_ = name;
-        snmp_enable_filelog(path_.c_str(), 1);
+        std::ofstream(path_) << "of a former run\n";
+        snmp_enable_filelog(path_.c_str(), GetParam());
     }
     void TearDown() override {
         snmp_disable_filelog();
         fs::remove(path_);
         WorkerTest::TearDown();
     }
-    std::string log() const {
+    Lines log() const {
+        Lines lines;
         std::ifstream file(path_);
-        return {std::istreambuf_iterator<char>(file), {}};
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+        return lines;
+    }
+    // What the log holds of a former run, and these lines.
+    static Lines with_former(Lines lines) {
+        if (GetParam() == appending)
+            lines.insert(lines.begin(), "of a former run");
+        return lines;
     }
     std::string path_;
 };
 
-TEST_F(WorkerWithLogFileTest, ItsMessagesReachTheFile) {
-    platform().tftp_get2.does([](const char *, const char *, int) {
+INSTANTIATE_TEST_SUITE_P(Modes, WorkerWithLogFileTest, testing::Values(truncating, appending),
+                         [](const auto &mode) {
+                             return std::string(mode.param == appending ? "Appending"
+                                                                        : "Truncating");
+                         });
+
+TEST_P(WorkerWithLogFileTest, LinesOfAgentAndWorkerStandInTheFileInTheirOrder) {
+    platform().tftp_get2.does([this](const char *, const char *, int) {
         __real_snmp_log(LOG_ERR, "from the worker\n");
+        ++shared->reached;
+        await([this] { return shared->messages == 1; }); // the agent's sign to go on
+        __real_snmp_log(LOG_ERR, "from the worker again\n");
         return 0;
     });
     __real_snmp_log(LOG_ERR, "from the agent before\n");
-    run(request(1));
+    flashCopyEntry row = request(1);
+    start_flash_copy(&row);
+    ASSERT_TRUE(await([this] { return shared->reached == 1; }));
+    __real_snmp_log(LOG_ERR, "from the agent meanwhile\n");
+    ++shared->messages;
+    reap(flash_copy_pid);
     __real_snmp_log(LOG_ERR, "from the agent after\n");
-    const std::string text = log();
-    const auto before = text.find("from the agent before\n");
-    const auto worker = text.find("from the worker\n");
-    const auto after = text.find("from the agent after\n");
-    ASSERT_NE(before, std::string::npos) << text;
-    ASSERT_NE(worker, std::string::npos) << text;
-    ASSERT_NE(after, std::string::npos) << text;
-    EXPECT_LT(before, worker);
-    EXPECT_LT(worker, after);
+    __real_snmp_log(LOG_ERR, "from the agent at last\n");
+    EXPECT_EQ(log(), with_former({"from the agent before", "from the worker",
+                                  "from the agent meanwhile", "from the worker again",
+                                  "from the agent after", "from the agent at last"}));
 }
 
-TEST_F(WorkerWithLogFileTest, TheFileIsClosedAtExec) {
+TEST_P(WorkerWithLogFileTest, LinesOfSeveralWorkersAreAllKept) {
+    platform().tftp_get2.does([](const char *, const char *, int) {
+        __real_snmp_log(LOG_ERR, "from a worker\n");
+        return 0;
+    });
+    Lines expected;
+    for (int i = 0; i < 3; ++i) {
+        run(request(1));
+        __real_snmp_log(LOG_ERR, "from the agent\n");
+        expected.insert(expected.end(), {"from a worker", "from the agent"});
+    }
+    EXPECT_EQ(log(), with_former(expected));
+}
+
+TEST_P(WorkerWithLogFileTest, TheAgentsOwnDescriptorIsLeftAsItWas) {
+    run(request(1));
+    ASSERT_EQ(shared->reached, 1);
+    int logs = 0;
+    for (int i = 0; i < shared->open_count; ++i)
+        if (shared->target[i] == path_) {
+            EXPECT_EQ(fcntl(shared->open[i], F_GETFD), 0) << "descriptor " << shared->open[i];
+            ++logs;
+        }
+    EXPECT_EQ(logs, 1);
+}
+
+TEST_P(WorkerWithLogFileTest, TheFileIsClosedAtExec) {
     run(request(1));
     ASSERT_EQ(shared->reached, 1);
     int logs = 0;
@@ -673,7 +762,7 @@ TEST_F(WorkerWithLogFileTest, TheFileIsClosedAtExec) {
     EXPECT_EQ(logs, 1);
 }
 
-TEST_F(WorkerWithLogFileTest, LogLinesAreNotWrittenIntoWhatTheWorkerOpens) {
+TEST_P(WorkerWithLogFileTest, LogLinesAreNotWrittenIntoWhatTheWorkerOpens) {
     const std::string opened = path_ + ".opened";
     platform().tftp_get2.does([&opened](const char *, const char *, int) {
         // As many files as the worker closed descriptors, and more.
@@ -686,6 +775,40 @@ TEST_F(WorkerWithLogFileTest, LogLinesAreNotWrittenIntoWhatTheWorkerOpens) {
     ASSERT_TRUE(fs::exists(opened));
     EXPECT_EQ(fs::file_size(opened), 0U);
     fs::remove(opened);
+}
+
+// More log files than the worker keeps.
+TEST_F(WorkerTest, WritesIntoNothingItOpensHoweverManyLogFilesTheAgentHas) {
+    constexpr size_t kept = 16;
+    constexpr size_t all = kept + 4;
+    std::string directory = (fs::temp_directory_path() / "copy_start_test.XXXXXX").string();
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const auto log = [&](size_t n) { return directory + "/" + std::to_string(n); };
+    for (size_t n = 0; n < all; ++n)
+        snmp_enable_filelog(log(n).c_str(), truncating);
+    const std::string opened = directory + "/opened";
+    platform().tftp_get2.does([&](const char *, const char *, int) {
+        for (size_t n = 0; n < 2 * all; ++n)
+            open(opened.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        __real_snmp_log(LOG_ERR, "from the worker\n");
+        return 0;
+    });
+    const int status = run(request(1));
+    EXPECT_TRUE(WIFEXITED(status));
+    __real_snmp_log(LOG_ERR, "from the agent\n");
+    size_t with_worker = 0;
+    for (size_t n = 0; n < all; ++n) {
+        std::ifstream file(log(n));
+        const std::string text{std::istreambuf_iterator<char>(file), {}};
+        const bool has_worker = text == "from the worker\nfrom the agent\n";
+        EXPECT_TRUE(has_worker || text == "from the agent\n") << text;
+        with_worker += has_worker ? 1 : 0;
+    }
+    snmp_disable_filelog();
+    EXPECT_EQ(with_worker, kept);
+    ASSERT_TRUE(fs::exists(opened));
+    EXPECT_EQ(fs::file_size(opened), 0U);
+    fs::remove_all(directory);
 }
 
 // Abort of a transfer under way
@@ -799,6 +922,37 @@ TEST_F(AbortedWorkerTest, TheAgentItselfIsNotEnded) {
     sigset_t pending;
     sigpending(&pending);
     EXPECT_EQ(sigismember(&pending, SIGTERM), 0);
+}
+
+// The agent here is a child in a group of its own, whose signals can be seen.
+TEST_F(AbortedWorkerTest, AWorkerThatLeadsNoGroupEndsAlone) {
+    os().setpgid.always(-1, EPERM);
+    platform().tftp_get2.does([this](const char *, const char *, int) {
+        shared->group = getpgrp();
+        ++shared->reached;
+        for (;;)
+            pause();
+        return 0;
+    });
+    const pid_t agent = __real_fork();
+    ASSERT_GE(agent, 0);
+    if (agent == 0) {
+        __real_setpgid(0, 0);
+        terminations = &shared->messages; // which no worker sends here
+        std::signal(SIGTERM, [](int) { ++*terminations; });
+        row_ = request(1);
+        start_flash_copy(&row_);
+        const bool reached = await([this] { return shared->reached == 1; });
+        handle_flash_abort(&row_);
+        const int status = reached ? reap(flash_copy_pid) : -1;
+        shared->sent[0] = WIFSIGNALED(status) ? WTERMSIG(status) : -1;
+        _exit(0);
+    }
+    const int status = reap(agent);
+    EXPECT_TRUE(WIFEXITED(status)) << "the agent was ended too";
+    EXPECT_EQ(shared->group, agent) << "the worker has a group of its own";
+    EXPECT_EQ(shared->sent[0], SIGTERM) << "the worker was not ended";
+    EXPECT_EQ(shared->messages, 0) << "the agent was signalled";
 }
 
 TEST_F(AbortedWorkerTest, OneWorkersEndLeavesTheOtherAlone) {
