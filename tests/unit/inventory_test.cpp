@@ -721,9 +721,9 @@ TEST_F(Inventory, TextsWithoutATerminatorEndWithTheirField) {
     platform().daemon = [&](const fakes::DaemonRequest &request) {
         return reply(request.opcode == 0x1E5B ? device : partition);
     };
-    EXPECT_LE(ask(10, some_instance(10), true).length, 16U);
-    EXPECT_LE(ask(11, some_instance(11), true).length, 144U);
-    EXPECT_LE(ask(37, some_instance(37), true).length, 16U);
+    EXPECT_EQ(ask(10, some_instance(10), true).text(), std::string(16, 'd'));
+    EXPECT_EQ(ask(11, some_instance(11), true).text(), std::string(144, 'd'));
+    EXPECT_EQ(ask(37, some_instance(37), true).text(), std::string(16, 'p'));
 }
 
 TEST_F(Inventory, TheModificationTimeIsEightBytesWhateverTheyAre) {

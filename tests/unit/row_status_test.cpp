@@ -3,7 +3,6 @@
 
 #include "flash_write.h"
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -17,7 +16,6 @@ using fakes::forget;
 using fakes::Lines;
 using fakes::os;
 using fakes::platform;
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -42,6 +40,7 @@ struct CopyTable {
     static constexpr auto add = fakes::add_copy_row;
     static constexpr auto stored = fakes::stored_copy_row;
     static constexpr auto status = &flashCopyEntry::copyStatus;
+    static auto &look_up() { return fakes::module().getFlashCopyEntry; }
 
     static std::string handler() { return "set_orvexFlashCopyEntryStatus"; }
     static constexpr const char *entering = "Entering set_orvexFlashCopyEntryStatus ....\n";
@@ -71,6 +70,8 @@ struct CopyTable {
         }
         return lines;
     }
+    // What ACTION traces of a row that is not there.
+    static Lines absent() { return {handler() + " : The current flash copy status is 0 \n"}; }
     static Lines present(int32_t index) {
         return {handler() + " : The current flash copy status is 17 \n",
                 "DEBUG : " + handler() + " : Entry present  (index = " + std::to_string(index) +
@@ -93,6 +94,7 @@ struct MiscOpTable {
     static constexpr auto add = fakes::add_misc_row;
     static constexpr auto stored = fakes::stored_misc_row;
     static constexpr auto status = &flashMiscOpEntry::operationStatus;
+    static auto &look_up() { return fakes::module().getFlashMiscOpEntry; }
 
     static std::string handler() { return "set_orvexFlashMiscOpEntryStatus"; }
     static constexpr const char *entering = "Entering set_orvexFlashMiscOpEntryStatus\n";
@@ -121,6 +123,7 @@ struct MiscOpTable {
                       : "No entry in the flashMiscOpTable...\n");
         return lines;
     }
+    static Lines absent() { return {}; }
     static Lines present(int32_t index) {
         return {"DEBUG : " + handler() + " : Entry present  (index = " + std::to_string(index) +
                 ")\n"};
@@ -558,6 +561,20 @@ TYPED_TEST(RowStatus, AValueOfFourBytesIsUnderstood) {
     EXPECT_EQ(this->state(7), flash::rowNotReady);
 }
 
+TYPED_TEST(RowStatus, AValueOfOneToThreeBytesIsUnderstood) {
+    const int32_t value = flash::rowCreateAndWait;
+    for (size_t length : {1U, 2U, 3U}) {
+        SCOPED_TRACE(length);
+        fakes::empty_tables();
+        const std::string cut = fakes::low_bytes(value, length);
+        for (Phase phase : {reserve1, reserve2, action, commit})
+            EXPECT_EQ(fakes::set_phase(TypeParam::method, phase, TypeParam::magic, 7, ASN_INTEGER,
+                                       cut.data(), cut.size()),
+                      no_error);
+        EXPECT_EQ(this->state(7), flash::rowNotReady);
+    }
+}
+
 // RESERVE2, COMMIT, FREE, UNDO
 
 TYPED_TEST(RowStatus, Reserve2MarksTheFirstByteOfTheCurrentValue) {
@@ -609,19 +626,33 @@ TYPED_TEST(RowStatus, ActionOnAnAbsentRowIsAGeneralError) {
     for (long value : {1L, 2L, 4L, 5L, 6L}) {
         forget();
         EXPECT_EQ(this->call(action, 7, value), general_error);
-        Lines traces = fakes::trace_texts(101);
-        // The copy table traces its copy status before it says so, whatever that is without a row.
-        traces.erase(std::remove_if(traces.begin(), traces.end(),
-                                    [](const std::string &line) {
-                                        return line.find("The current flash copy status is") !=
-                                               std::string::npos;
-                                    }),
-                     traces.end());
-        EXPECT_EQ(traces, joined({this->action_start(),
-                                  {TypeParam::no_rows, "ERROR  " + TypeParam::handler() +
-                                                           " : Should never come here... \n"}}));
+        this->expect_traces(
+            {this->action_start(),
+             {TypeParam::no_rows},
+             TypeParam::absent(),
+             {"ERROR  " + TypeParam::handler() + " : Should never come here... \n"}});
         EXPECT_FALSE(this->present(7));
     }
+}
+
+TYPED_TEST(RowStatus, ActionOnARowThatCannotBeLookedUpIsAGeneralError) {
+    for (int32_t result : {int32_t{flash::failure}, -1, 1})
+        for (long value : {1L, 2L, 4L, 5L, 6L}) {
+            SCOPED_TRACE(value);
+            fakes::empty_tables();
+            this->add(7, flash::rowNotReady);
+            const std::string before = this->whole(7);
+            forget();
+            TypeParam::look_up().returns(result);
+            EXPECT_EQ(this->call(action, 7, value), general_error);
+            this->expect_traces({this->action_start(),
+                                 {"ERROR " + TypeParam::handler() +
+                                  " :  Some Generic error while getting the informatiom for the "
+                                  "entry 7 \n"}});
+            EXPECT_THAT(container_calls(), IsEmpty());
+            EXPECT_THAT(fakes::calls(), IsEmpty());
+            EXPECT_EQ(this->whole(7), before);
+        }
 }
 
 TYPED_TEST(RowStatus, ActionMakesARowCreatedByCreateAndWaitNotReady) {
@@ -632,14 +663,11 @@ TYPED_TEST(RowStatus, ActionMakesARowCreatedByCreateAndWaitNotReady) {
         flash_copy_pid = 4242;
         forget();
         EXPECT_EQ(this->call(action, 8, value), no_error);
-        const Lines traces = fakes::trace_texts(101);
-        const Lines head = joined({this->action_start(), TypeParam::present(8)});
-        ASSERT_EQ(traces.size(), head.size() + 1);
-        EXPECT_EQ(Lines(traces.begin(), traces.end() - 1), head);
-        const std::string before = "DEBUG : " + TypeParam::handler() + " : Setting the entry to  ";
-        const std::string after = " (index = 8" + TypeParam::address() + ")\n";
-        EXPECT_THAT(traces.back(), AnyOf(before + text(static_cast<int32_t>(value)) + after,
-                                         before + "3" + after));
+        this->expect_traces(
+            {this->action_start(),
+             TypeParam::present(8),
+             {"DEBUG : " + TypeParam::handler() + " : Setting the entry to  " +
+              std::to_string(value) + " (index = 8" + TypeParam::address() + ")\n"}});
         EXPECT_EQ(this->state(8), flash::rowNotReady);
 
         EXPECT_EQ(this->call(action, 7, value), no_error);
@@ -1154,6 +1182,50 @@ TEST_F(CopyRowStatus, StoppingARowWhoseWorkerNeverStartedSignalsNobody) {
         EXPECT_FALSE(present(7));
     }
     EXPECT_EQ(fakes::calls("kill"), Lines{});
+}
+
+TEST_F(CopyRowStatus, DestroyOfARowThatCannotBeStoppedIsAGeneralErrorAndKeepsTheRow) {
+    for (int32_t result : {1, -1, int32_t{flash::failure}}) {
+        fakes::empty_tables();
+        add(7, flash::rowDestroy);
+        const std::string before = whole(7);
+        forget();
+        fakes::module().handle_flash_abort.returns(result);
+        EXPECT_EQ(call(action, 7, flash::rowDestroy), general_error);
+        expect_traces({action_start(), CopyTable::present(7)});
+        EXPECT_THAT(container_calls("ordset_remove"), IsEmpty());
+        EXPECT_EQ(whole(7), before);
+    }
+}
+
+TEST_F(CopyRowStatus, NotInServiceOfARowThatCannotBeStoppedIsAGeneralErrorAndNotWritten) {
+    for (long value : {flash::rowNotInService, flash::rowCreateAndWait})
+        for (int32_t result : {1, -1, int32_t{flash::failure}}) {
+            fakes::empty_tables();
+            add(7, flash::rowActive);
+            const std::string before = whole(7);
+            forget();
+            int32_t seen = 0;
+            fakes::module().handle_flash_abort.does([&](const flashCopyEntry *row) {
+                seen = row->entryStatus;
+                return result;
+            });
+            EXPECT_EQ(call(action, 7, value), general_error);
+            EXPECT_EQ(seen, value) << "the status is set before the abort";
+            expect_traces(
+                {action_start(),
+                 CopyTable::present(7),
+                 {"DEBUG: set_orvexFlashCopyEntryStatus : handle_flash_abort was unsuccessful\n"}});
+            EXPECT_EQ(container_calls("ordset_find").size(), 1U);
+            EXPECT_EQ(whole(7), before);
+        }
+}
+
+TEST_F(CopyRowStatus, ARowCreatedByCreateAndWaitIsNotStopped) {
+    fakes::module().handle_flash_abort.always(1);
+    add(7, flash::rowCreateAndWait);
+    EXPECT_EQ(call(action, 7, flash::rowCreateAndWait), no_error);
+    EXPECT_EQ(fakes::module().handle_flash_abort.count(), 0);
 }
 
 TEST_F(CopyRowStatus, ANewCopyMayStartAfterTheRunningOneWasDestroyed) {

@@ -228,6 +228,21 @@ TEST_F(RowTables, AnUnservedMagicIsAnsweredWithAnEmptyDetailAndNull) {
         }
 }
 
+TEST_F(RowTables, AnUnservedMagicWithoutAMatchingRowSetsNoDetail) {
+    add({7});
+    for (const int magic : firstColumns) {
+        fakes::forget();
+        const Answer answer = ask(magic, instance_of(magic, {8}), true, u_char{49}, untouched);
+        EXPECT_EQ(answer.value, nullptr);
+        EXPECT_EQ(answer.write_method, untouched);
+        EXPECT_EQ(fakes::calls(), Lines{});
+        EXPECT_EQ(fakes::traces().back(),
+                  (fakes::Trace{101, magic == copyCommand
+                                         ? "header_flashCopyEntry returned MATCH_FAILED....\n"
+                                         : "header_flashMiscOpEntry returned MATCH_FAILED....\n"}));
+    }
+}
+
 TEST_F(RowTables, AnAnswerSetsNoDetail) {
     add({7});
     get(50, {7});
@@ -480,6 +495,15 @@ TEST_F(RowTables, AMiscOpGetOfAMissingRowTracesTheFailedMatchWithoutAnError) {
                                              "MATCH_FAILED....\n"}}));
 }
 
+TEST_F(RowTables, AMiscOpGetnextPastTheEndTracesTheFailedMatchWithoutAnError) {
+    add({7});
+    getnext(74, {7});
+    EXPECT_EQ(fakes::traces(), (Traces{{101, "Entering get_orvexFlashMiscOpTable\n"},
+                                       {101, "No entry in the flashMiscOpTable...\n"},
+                                       {101, "header_flashMiscOpEntry returned "
+                                             "MATCH_FAILED....\n"}}));
+}
+
 TEST_F(RowTables, TheCopyStatusIsTraced) {
     fakes::add_copy_row(7, [](flashCopyEntry &row) { row.copyStatus = 12; });
     fakes::forget();
@@ -529,6 +553,33 @@ TEST_F(RowTables, ACopyTableThatIsEmptyAfterAMatchIsTracedAndAnsweredWithNull) {
     EXPECT_EQ(answer.value, nullptr);
     EXPECT_EQ(fakes::traces().back(), (fakes::Trace{101, "flashCopyTable does not exist....\n"}));
     EXPECT_EQ(answer.write_method, &set_orvexFlashCopyCommand);
+}
+
+TEST_F(RowTables, ARowThatIsGoneFromACopyTableWithOthersIsAnsweredAsItMatched) {
+    fakes::add_copy_row(3);
+    for (const Column &column : columns()) {
+        if (column.magic > 60)
+            continue;
+        SCOPED_TRACE(column.magic);
+        fakes::add_copy_row(7, [](flashCopyEntry &row) { fill(row); });
+        fakes::forget();
+        // The row leaves the store between the match and the second look-up.
+        auto original = platform().ordset_find;
+        int lookups = 0;
+        platform().ordset_find.does([&](const ordset *set, const void *key, int flags) -> void * {
+            return ++lookups == 1 ? original(set, key, flags) : nullptr;
+        });
+        const Answer answer = get(column.magic, {7});
+        EXPECT_EQ(lookups, 2);
+        EXPECT_EQ(answer.text(), column.value);
+        for (const fakes::Trace &trace : fakes::traces()) {
+            EXPECT_EQ(trace.text.find("does not exist"), std::string::npos) << trace.text;
+            EXPECT_EQ(trace.text.find("Flash copy status"), std::string::npos) << trace.text;
+        }
+        platform().ordset_find.normal();
+        const flashCopyEntry row = *fakes::stored_copy_row(7);
+        ASSERT_EQ(deleteFlashCopyEntry(&row), flash::success);
+    }
 }
 
 } // namespace
