@@ -67,7 +67,7 @@ TEST_F(RunDirectoryTest, IsMadeByAnotherUserForThatUser) {
 }
 
 TEST_F(RunDirectoryTest, HasTheSameModeWhateverTheUmask) {
-    for (const mode_t mask : {0, 077}) {
+    for (const mode_t mask : {0U, 077U}) {
         const mode_t before = umask(mask);
         EXPECT_EQ(complaint(path), "");
         EXPECT_EQ(umask(before), mask);
