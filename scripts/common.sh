@@ -23,6 +23,19 @@ check() {
     printf '%s\t%s\n' "$status" "$name" >>"$results/checks.tsv"
 }
 
+# suite NAME COMMAND...: runs a step that leaves result files, in which its tests are counted one by
+# one; the step itself counts only when it fails.
+suite() {
+    local name=$1
+    shift
+    say "$name"
+    if ! "$@"; then
+        printf 'FAILED: %s\n' "$name"
+        mkdir -p "$results"
+        printf 'failed\t%s\n' "$name" >>"$results/checks.tsv"
+    fi
+}
+
 # Sums the checks and the result files of all suites and prints the closing line; fails when
 # anything failed.
 closing_line() { "$python" "$root/scripts/sum-results" "$results"; }

@@ -148,7 +148,8 @@ TEST_F(RumaAgent, ClosesTheReceiverThatTheAgentDoesNotWatchAndTriesAgain) {
     expect_of_a_process([this] {
         fs::create_directory(directory / "state");
         for (int i = 0; i < NUM_EXTERNAL_FDS; ++i)
-            check(register_readfd(500 + i, [](int, void *) {}, nullptr) == FD_REGISTERED_OK,
+            check(register_readfd(
+                      500 + i, [](int, void *) {}, nullptr) == FD_REGISTERED_OK,
                   "the agent takes descriptors");
         load();
         check(logged("does not watch") == 1, "the agent takes no more");
