@@ -4,8 +4,8 @@ import ber
 import pytest
 
 import harness
-from harness import DEVICE, SCALAR, SYS_UP_TIME, Host, live_children, wait_for
-
+from harness import DEVICE, SCALAR, SYS_UP_TIME, TFTP, V3_DIRECTIVES, Host, live_children, wait_for
+from remotes import PROTOCOLS, HeldCopy, Remote, remote_of, start_server
 
 HOSTS = ("host", "idle_host", "shared_host")
 
@@ -88,3 +88,54 @@ def fixture_shared_host(module_host):
     descriptors = prepare(module_host)
     yield module_host
     check_after(module_host, descriptors)
+
+
+@pytest.fixture(name="v3_host")
+def fixture_v3_host(idle_host):
+    """A running host that knows an SNMPv3 user."""
+    idle_host.agent_directives = V3_DIRECTIVES
+    idle_host.start()
+    return idle_host
+
+
+# --- The far ends of copies
+
+
+@pytest.fixture(scope="session")
+def ftp_server():
+    with start_server("ftp") as server:
+        yield server
+
+
+@pytest.fixture(scope="session")
+def ssh_server():
+    with start_server("scp") as server:
+        yield server
+
+
+@pytest.fixture(name="module_tftp", scope="module")
+def fixture_module_tftp(module_host):
+    module_host.start_atftpd()
+    columns = {"protocol": TFTP, "server": module_host.address}
+    return Remote("tftp", module_host.server_dir, columns)
+
+
+@pytest.fixture(name="remote", params=PROTOCOLS)
+def fixture_remote(request):
+    """A server for each protocol. Tests share it: they leave only files behind."""
+    if request.param == "tftp":
+        return request.getfixturevalue("module_tftp")
+    kind = "ftp_server" if request.param == "ftp" else "ssh_server"
+    return remote_of(request.param, request.getfixturevalue(kind))
+
+
+@pytest.fixture(
+    name="held",
+    params=[(protocol, verb) for protocol in PROTOCOLS for verb in ("get", "put")],
+    ids=" ".join,
+)
+def fixture_held(request, host):
+    """A copy by each protocol in each direction that stands still in its middle."""
+    copy = HeldCopy(host, *request.param)
+    copy.start()
+    return copy

@@ -22,6 +22,7 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ORVEX_BUILD_DIR", REPOSITORY / "build" / "release")).resolve()
 LIBRARIES = BUILD / "lib"
 PROGRAMS = BUILD / "bin"
+SCRIPTS = REPOSITORY / "platform" / "host" / "transfer"
 REQUIRED = (
     LIBRARIES / "ruma_agent.so",
     LIBRARIES / "orvex_flash_mib.so",
@@ -41,12 +42,33 @@ NOTIFICATION = f"{ROOT}.1.3.0.1"
 
 SCHEMES = ("bootflash", "slot0", "logflash")
 COMMUNITY = "test"
+V3_USER, V3_PASSWORD = "flashadmin", "correct horse"
+V3_DIRECTIVES = [
+    f'createUser {V3_USER} SHA-256 "{V3_PASSWORD}" AES "{V3_PASSWORD}"',
+    f"rwuser {V3_USER} authPriv",
+]
+V3_OPTIONS = ["-l", "authPriv", "-u", V3_USER, "-a", "SHA-256", "-A", V3_PASSWORD]
+V3_OPTIONS += ["-x", "AES", "-X", V3_PASSWORD]
 AGENT_PORT = 1161
 TRAP_PORT = 1162
 
 ACTIVE, NOT_IN_SERVICE, NOT_READY, CREATE_AND_GO, CREATE_AND_WAIT, DESTROY = range(1, 7)
 IN_PROGRESS, SUCCESS, NEW_ROW = 1, 2, 17
 TRUE, FALSE = 1, 2
+TO_FLASH, TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 1, 2, 3
+TFTP, FTP, SCP, SFTP = 1, 4, 5, 6
+INVALID_SOURCE, BUSY, DEVICE_FULL, TRANSFER_ERROR, NO_MEMORY, SCP_FAILURE = 5, 8, 12, 14, 16, 18
+
+# Starts a program where the fixed paths of the module lead into a host's directory. The mounts are
+# seen by the program and its children alone. $1 is that directory, the rest is the command.
+IN_PLACE = """
+set -e
+mount --bind "$1/ruma" /ruma
+mount --bind "$1/var-log" /var/log
+mount --bind "$1/var-tmp" /var/tmp
+shift
+exec "$@"
+"""
 
 
 class CopyColumn:
@@ -150,6 +172,25 @@ def sha256(path) -> str:
     ).stdout.split()[0]
 
 
+def write_random(path, size):
+    """A file of random bytes, written in pieces."""
+    with open("/dev/urandom", "rb") as source, open(path, "wb") as target:
+        while size > 0:
+            size -= target.write(source.read(min(size, 1 << 20)))
+
+
+@contextlib.contextmanager
+def small_file_system(directory, size):
+    """Mounts a file system of that size; agents that are started inside see it."""
+    subprocess.run(
+        ["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(directory)], check=True
+    )
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", str(directory)], check=True)
+
+
 class Addresses:
     """Loopback addresses that no other test run uses."""
 
@@ -193,17 +234,46 @@ class Host:
             directory.mkdir()
         for scheme in SCHEMES:
             self.flash(scheme).mkdir()
+        self._make_fixed_paths()
+        self.core_directory = None
         self.agent_directives = []
         self.agent_user = None  # root
         self.agent_environment = {}
         self.agent = None
         self.daemon = None
+        self._namespaces = []
         self._others = contextlib.ExitStack()
         self.sender = ber.Sender(self.address, AGENT_PORT)
 
     def flash(self, scheme="bootflash") -> Path:
         """The directory of a file system."""
         return self.directory / scheme
+
+    def _make_fixed_paths(self) -> None:
+        # A mount point is all that the machine itself needs to have.
+        Path("/ruma").mkdir(exist_ok=True)
+        self.scripts.mkdir(parents=True)
+        for source in SCRIPTS.iterdir():
+            if source.suffix in (".expect", ".tcl"):
+                shutil.copy(source, self.scripts)
+        self.system_log.parent.mkdir(parents=True)
+        self.dumped_log.parent.mkdir()
+        self.dumped_log.parent.chmod(0o1777)
+
+    @property
+    def scripts(self) -> Path:
+        """What the agent sees as /ruma/bin."""
+        return self.directory / "ruma" / "bin"
+
+    @property
+    def system_log(self) -> Path:
+        """What the agent sees as /var/log/external/messages; there is none at first."""
+        return self.directory / "var-log" / "external" / "messages"
+
+    @property
+    def dumped_log(self) -> Path:
+        """What the agent sees as /var/tmp/intsyslog."""
+        return self.directory / "var-tmp" / "intsyslog"
 
     def _write_configuration(self) -> None:
         tables = [
@@ -213,6 +283,8 @@ class Host:
         ]
         if self.agent_user is not None:
             tables.append(f'[agent]\nuser = "{self.agent_user}"\n')
+        if self.core_directory is not None:
+            tables.append(f'[core]\ndirectory = "{self.core_directory}"\n')
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
 
     @property
@@ -259,7 +331,9 @@ class Host:
         """Starts the agent and waits until it and the module answer."""
         self._write_configuration()
         self.write_agent_configuration()
-        command = ["/usr/sbin/snmpd", "-f", "-C", "-c", self.agent_configuration]
+        command = ["unshare", "--mount", "--propagation", "slave"]
+        command += ["/bin/sh", "-c", IN_PLACE, "sh", self.directory]
+        command += ["/usr/sbin/snmpd", "-f", "-C", "-c", self.agent_configuration]
         # SMUX would bind a port that all agents of a machine share.
         command += ["-I", "-smux", "-Lf", self.agent_log, "-p", self.directory / "snmpd.pid"]
         if self.agent_user is not None:
@@ -271,6 +345,8 @@ class Host:
         environment = self.environment | self.agent_environment
         self.agent = Process(command, self.directory / "snmpd.out", self.work_dir, environment)
         wait_for(self._agent_answers, "the agent answers", timeout=10)
+        # Held open, so that the kernel gives the number of this namespace to no other.
+        self._namespaces.append(os.open(f"/proc/{self.agent.pid}/ns/mnt", os.O_RDONLY))
         # The agent only logs that a module cannot be loaded.
         assert "dlopen" not in self.agent_log.read_text(), self.logs()
         assert self.value(SCALAR) == 1, f"the module does not answer\n{self.logs()}"
@@ -316,19 +392,24 @@ class Host:
         left = self.strays()
         for pid in left:
             os.kill(pid, signal.SIGKILL)
+        for namespace in self._namespaces:
+            os.close(namespace)
         shutil.rmtree(self.directory)
         assert not left, f"processes were left: {left}"
 
     def strays(self):
         """Processes that the agent or the daemon left behind, whoever their parent is by now.
 
-        They are known by the environment that they inherited.
+        They are known by the mounts that they see, or by the environment that they inherited.
         """
         mark = f"RUMA_RUN_DIR={self.run_dir}".encode()
+        namespaces = {os.fstat(each).st_ino for each in self._namespaces}
         found = []
         for pid in processes():
             with contextlib.suppress(OSError):
-                if mark in Path(f"/proc/{pid}/environ").read_bytes().split(b"\0"):
+                if os.stat(f"/proc/{pid}/ns/mnt").st_ino in namespaces:
+                    found.append(pid)
+                elif mark in Path(f"/proc/{pid}/environ").read_bytes().split(b"\0"):
                     found.append(pid)
         known = [process.pid for process in (self.agent, self.daemon) if process is not None]
         return [pid for pid in found if pid not in known]
@@ -366,18 +447,23 @@ class Host:
         """The copies that the module has recorded, as the event history tells it."""
         return [line for line in self.trace() if "Copy is done with status" in line]
 
-    def errors(self) -> list:
-        """The platform error codes in the agent's error log."""
+    def error_log(self) -> list:
+        """The lines of the agent's error log, as lists of fields."""
         log = self.run_dir / "snmp-errors.log"
         lines = log.read_text(encoding="ascii").splitlines() if log.exists() else []
-        return [line.split(", ")[1] for line in lines]
+        return [line.split(", ") for line in lines]
+
+    def errors(self) -> list:
+        """The platform error codes in the agent's error log."""
+        return [fields[1] for fields in self.error_log()]
 
     # --- The stock tools
 
     def tool(self, name, *arguments, timeout=60, version="2c") -> str:
         """Runs a stock tool, numeric throughout; raises ToolError with what it says."""
         # -t is long, so that a slow answer is seen as slow, and -r 0 sends each request once.
-        command = [name, f"-v{version}", "-c", COMMUNITY, "-t", "10", "-r", "0", "-On", "-Oe"]
+        command = [name, f"-v{version}", "-t", "10", "-r", "0", "-On", "-Oe"]
+        command += V3_OPTIONS if version == "3" else ["-c", COMMUNITY]
         command += ["-OU", "-m", "", f"{self.address}:{AGENT_PORT}", *map(str, arguments)]
         run = subprocess.run(
             command,
@@ -448,7 +534,7 @@ class Host:
         """createAndWait, then the columns."""
         status = self.set((f"{CopyColumn.ROW}.{row}", ber.integer(CREATE_AND_WAIT)))
         assert status == ber.NO_ERROR, f"createAndWait of row {row} gives {status}"
-        pairs = copy_columns(row, server=self.address, **columns)
+        pairs = copy_columns(row, **({"server": self.address} | columns))
         status = self.set(*pairs)
         assert status == ber.NO_ERROR, f"the columns of row {row} give {status}"
 
@@ -513,21 +599,25 @@ def copy_columns(
     server,
     source,
     destination,
-    command=1,
-    protocol=1,
+    command=TO_FLASH,
+    protocol=TFTP,
     notify=FALSE,
     user=None,
     password=None,
 ):
     """The columns of a copy row as pairs for a SET; None leaves one out."""
+
+    def text(content):
+        return ber.octets(content.encode())
+
     columns = [
         (CopyColumn.COMMAND, command, ber.integer),
         (CopyColumn.PROTOCOL, protocol, ber.integer),
         (CopyColumn.SERVER, server, ber.address),
-        (CopyColumn.SOURCE, source, lambda text: ber.octets(text.encode())),
-        (CopyColumn.DESTINATION, destination, lambda text: ber.octets(text.encode())),
-        (CopyColumn.USER, user, lambda text: ber.octets(text.encode())),
-        (CopyColumn.PASSWORD, password, lambda text: ber.octets(text.encode())),
+        (CopyColumn.SOURCE, source, text),
+        (CopyColumn.DESTINATION, destination, text),
+        (CopyColumn.USER, user, text),
+        (CopyColumn.PASSWORD, password, text),
         (CopyColumn.NOTIFY, notify, ber.integer),
     ]
     return [

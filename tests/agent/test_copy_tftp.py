@@ -3,9 +3,9 @@
 import contextlib
 import os
 import random
+import re
 import signal
 import socket
-import subprocess
 import time
 
 import ber
@@ -16,39 +16,39 @@ from harness import (
     ADDRESSES,
     CREATE_AND_GO,
     CREATE_AND_WAIT,
+    DEVICE_FULL,
+    FROM_FLASH,
+    INVALID_SOURCE,
     IN_PROGRESS,
     NEW_ROW,
     NOT_IN_SERVICE,
     NOT_READY,
     NOTIFICATION,
     SUCCESS,
+    TO_FLASH_WITHOUT_ERASE,
+    TRANSFER_ERROR,
     TRAP_PORT,
     TRUE,
+    V3_USER,
     CopyColumn,
     Host,
+    ToolError,
     TrapReceiver,
     copy_columns,
     live_children,
     sha256,
+    small_file_system,
     udp_port_taken,
     wait_for,
+    write_random,
 )
 from tftp_server import TftpServer
 
-INVALID_COMMAND, INVALID_PROTOCOL, INVALID_SOURCE, INVALID_DESTINATION = 3, 4, 5, 6
-DEVICE_FULL, TRANSFER_ERROR = 12, 14
-TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 2, 3
+INVALID_COMMAND, INVALID_PROTOCOL, INVALID_DESTINATION = 3, 4, 6
 SNMP_TRAP_OID = "1.3.6.1.6.3.1.1.4.1.0"
 PROTOCOL_TIME_LIMIT = 20
 
 CONTENT = random.Random(1).randbytes(300_000)
-
-
-def write_random(path, size):
-    """A file of random bytes, written in pieces."""
-    with open("/dev/urandom", "rb") as source, open(path, "wb") as target:
-        while size > 0:
-            size -= target.write(source.read(min(size, 1 << 20)))
 
 
 @contextlib.contextmanager
@@ -164,6 +164,24 @@ def test_create_and_go_starts_a_copy_at_once(host):
     assert (host.flash() / "image.bin").read_bytes() == CONTENT
 
 
+def test_copy_by_an_snmpv3_user_with_privacy(v3_host):
+    v3_host.start_atftpd()
+    (v3_host.server_dir / "image.bin").write_bytes(CONTENT)
+    v3_host.snmpset(f"{CopyColumn.ROW}.7", "i", CREATE_AND_WAIT, version="3")
+    v3_host.snmpset(
+        *(f"{CopyColumn.PROTOCOL}.7", "i", 1),
+        *(f"{CopyColumn.SERVER}.7", "a", v3_host.address),
+        *(f"{CopyColumn.SOURCE}.7", "s", "image.bin"),
+        *(f"{CopyColumn.DESTINATION}.7", "s", "bootflash:image.bin"),
+        version="3",
+    )
+    v3_host.snmpset(f"{CopyColumn.ROW}.7", "i", ACTIVE, version="3")
+    assert v3_host.finish_copy(7) == SUCCESS
+    assert (v3_host.flash() / "image.bin").read_bytes() == CONTENT
+    status = v3_host.tool("snmpget", f"{CopyColumn.STATUS}.7", version="3")
+    assert status == f"{CopyColumn.STATUS}.7 = INTEGER: {SUCCESS}\n"
+
+
 # --- Failures
 
 
@@ -231,17 +249,6 @@ def test_missing_local_file_is_a_transfer_error(host):
     assert status == TRANSFER_ERROR
 
 
-@contextlib.contextmanager
-def small_file_system(directory, size):
-    subprocess.run(
-        ["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(directory)], check=True
-    )
-    try:
-        yield
-    finally:
-        subprocess.run(["umount", str(directory)], check=True)
-
-
 def test_full_disk_on_receipt_is_device_full(idle_host):
     host = idle_host
     with small_file_system(host.flash(), "128k"):
@@ -267,6 +274,60 @@ def test_full_disk_while_staging_is_a_transfer_error(idle_host):
         host.stop()
     assert status == TRANSFER_ERROR
     assert left == ["sent"]
+
+
+def test_full_disk_while_staging_without_a_destination_name_sends_the_cut_file(idle_host):
+    """Defined so: that cp fails goes unnoticed."""
+    host = idle_host
+    with small_file_system(host.work_dir, "128k"):
+        host.start()
+        host.start_atftpd()
+        (host.flash() / "big").write_bytes(CONTENT)
+        status = host.copy(1, command=FROM_FLASH, source="bootflash:big", destination=None)
+        left = list(host.work_dir.iterdir())
+        host.stop()
+    assert status == SUCCESS
+    assert left == []
+    sent = (host.server_dir / "big").read_bytes()
+    assert 0 < len(sent) < len(CONTENT)
+    assert CONTENT.startswith(sent)
+
+
+def test_failed_put_without_a_destination_name_leaves_the_staged_file(host):
+    host.enter(TftpServer(host.address, error_at=(1, 2)))
+    (host.flash() / "log").write_bytes(CONTENT)
+    status = host.copy(1, command=FROM_FLASH, source="bootflash:log", destination=None)
+    assert status == TRANSFER_ERROR
+    assert (host.work_dir / "log").read_bytes() == CONTENT
+
+
+@pytest.mark.parametrize("name", ["two words", "a;touch marker", "$(touch marker)"])
+def test_name_is_taken_as_it_is_where_no_shell_is_involved(host, name):
+    host.start_atftpd()
+    (host.server_dir / name).write_bytes(CONTENT)
+    assert host.copy(1, source=name, destination=f"bootflash:{name}") == SUCCESS
+    assert (host.flash() / name).read_bytes() == CONTENT
+    (host.server_dir / name).unlink()
+    names = dict(source=f"bootflash:{name}", destination=name)
+    assert host.copy(2, command=FROM_FLASH, **names) == SUCCESS
+    assert (host.server_dir / name).read_bytes() == CONTENT
+    assert list(host.work_dir.iterdir()) == []
+
+
+def test_put_of_a_name_with_a_space_needs_a_destination_name(host):
+    """Without one, a shell copies the file, and takes the name for two."""
+    host.start_atftpd()
+    (host.flash() / "two words").write_bytes(CONTENT)
+    status = host.copy(1, command=FROM_FLASH, source="bootflash:two words", destination=None)
+    assert status == TRANSFER_ERROR
+    assert list(host.server_dir.iterdir()) == []
+
+
+def test_shell_metacharacter_is_executed_by_a_put_without_a_destination_name(host):
+    (host.flash() / "log").write_bytes(CONTENT)
+    source = "bootflash:log ran; touch marker;"
+    assert host.copy(1, command=FROM_FLASH, source=source, destination=None) == TRANSFER_ERROR
+    assert (host.work_dir / "marker").exists()
 
 
 # --- Refusals
@@ -344,6 +405,15 @@ def test_refused_file_name_is_in_the_error_log(host, columns, code):
     host.create_copy(1, **(names | columns))
     assert host.activate(1) == ber.GEN_ERR
     assert host.errors() == [code]
+
+
+def test_error_log_names_the_snmpv3_user_and_the_session_of_a_refused_copy(v3_host):
+    v3_host.create_copy(1, source="image.bin", destination="bootflash:../escaped")
+    with pytest.raises(ToolError, match="genError"):
+        v3_host.snmpset(f"{CopyColumn.ROW}.1", "i", ACTIVE, version="3")
+    [[_time, code, *_text, user, session]] = v3_host.error_log()
+    assert (code, user) == ("0x4049001d", f"user {V3_USER}")
+    assert re.fullmatch(r"session -?\d+", session)
 
 
 def test_unsupported_protocol_is_in_the_error_log(host):
