@@ -21,6 +21,7 @@ from harness import (
     SYS_UP_TIME,
     CopyColumn,
     MiscColumn,
+    ToolError,
 )
 
 LINE_CARD_COPY = 2
@@ -274,10 +275,11 @@ def test_inventory_is_not_writable(shared_host, name):
 
 
 @pytest.mark.parametrize("column", [*COPY_COLUMNS[:-1], *MISC_COLUMNS[:-1]])
-@pytest.mark.parametrize("start", [".4294967295", ".4294967295.1", ".4294967295" * 100])
-def test_getnext_behind_the_last_row_goes_to_the_next_column(shared_host, column, start):
+@pytest.mark.parametrize("arcs", [1, 2, 100, "all"])
+def test_getnext_behind_the_last_row_goes_to_the_next_column(shared_host, column, arcs):
     create_row(shared_host, column, NOT_READY)
-    start = column + start
+    room = 128 - len(ber.arcs(column))
+    start = column + ".4294967295" * (room if arcs == "all" else arcs)
     [variable] = shared_host.sender.get_next(start).variables
     assert ber.arcs(variable.name) > ber.arcs(start)
     table, _, number = column.rpartition(".")
@@ -317,6 +319,12 @@ def test_request_with_one_bad_variable_names_it(shared_host):
         (f"{CopyColumn.USER}.{row}", ber.octets(b"good")),
     )
     assert (answer.error, answer.error_index) == (ber.WRONG_LENGTH, 2)
+
+
+def test_column_of_an_absent_row_is_no_such_name_in_snmpv3(v3_host):
+    with pytest.raises(ToolError, match=r"Reason: \(noSuchName\) .*\nFailed object: \S+\.77\n"):
+        v3_host.snmpset(f"{CopyColumn.SOURCE}.77", "s", "name", version="3")
+    assert v3_host.value(f"{CopyColumn.ROW}.77") is None
 
 
 @pytest.mark.parametrize("version", [ber.V1, ber.V2C])

@@ -160,8 +160,11 @@ def test_reserved_device_column_has_no_instance(shared_host, column):
     assert variable.tag == ber.NO_SUCH_INSTANCE
 
 
-def test_getnext_passes_over_the_reserved_device_columns(shared_host):
-    [variable] = shared_host.sender.get_next(f"{DEVICE}.8.3").variables
+@pytest.mark.parametrize(
+    "start", ["8.3", "9", "9.1", "10.3", "13", "13.1", "13.4294967295", "14.1", "15", "15.9"]
+)
+def test_getnext_passes_over_the_reserved_device_columns(shared_host, start):
+    [variable] = shared_host.sender.get_next(f"{DEVICE}.{start}").variables
     assert "." + variable.name == f"{DEVICE}.16.1"
 
 
