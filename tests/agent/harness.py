@@ -391,7 +391,8 @@ class Host:
             self.stop()
         left = self.strays()
         for pid in left:
-            os.kill(pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
         for namespace in self._namespaces:
             os.close(namespace)
         shutil.rmtree(self.directory)
