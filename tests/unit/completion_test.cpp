@@ -550,6 +550,12 @@ TEST_F(TwoCopiesTest, AnAbortStillSignalsAWorkerWhoseWaitFailed) {
     EXPECT_EQ(abort(3), (Lines{"kill pid=4244 signal=15"}));
 }
 
+TEST_F(TwoCopiesTest, AnAbortSparesAWorkerThatSomebodyElseHasReaped) {
+    os().waitpid.returns(-1, ECHILD);
+    handle_flash_copy_done(2, 7, 4244);
+    EXPECT_EQ(abort(3), Lines{});
+}
+
 TEST_F(TwoCopiesTest, ANewStartMakesAbortWorkAgainEvenWithTheSameProcessId) {
     for (int32_t process : {4244, 4245}) {
         SCOPED_TRACE(process);

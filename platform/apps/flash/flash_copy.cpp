@@ -464,8 +464,8 @@ pid_t wait_for(int32_t worker) {
     do
         result = waitpid(worker, nullptr, 0);
     while (result == -1 && errno == EINTR);
-    if (result > 0)
-        reapedWorker = result;
+    if (result > 0 || errno == ECHILD) // somebody else may have reaped it
+        reapedWorker = worker;
     return result;
 }
 
