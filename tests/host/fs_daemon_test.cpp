@@ -785,9 +785,9 @@ TEST_F(FsDaemon, AMalformedRequestClosesItsConnectionOnlyAndIsCounted) {
     start();
     Client good(socket_path());
     const std::string request = Client::request(flash::opcodeDevice, CMI_NEXT, {0}, 204);
-    const auto with = [&](std::size_t offset, char value) {
+    const auto with = [&](std::size_t offset, uint32_t word) {
         std::string changed = request;
-        changed[offset] = value;
+        std::memcpy(&changed[offset], &word, sizeof word);
         return changed;
     };
     const std::vector<std::string> bad = {
@@ -797,13 +797,13 @@ TEST_F(FsDaemon, AMalformedRequestClosesItsConnectionOnlyAndIsCounted) {
         request.substr(0, request.size() - 1),
         request + "x",
         std::string(100'000, '\0'),
-        with(0, 'x'),  // magic
-        with(8, 'x'),  // opcode
-        with(12, 3),   // message type
-        with(12, 0),   // message type
-        with(16, 1),   // result
-        with(20, 'x'), // length
-        with(23, 'x'), // length
+        with(0, 'x'),         // magic
+        with(8, 'x'),         // opcode
+        with(12, 3),          // message type
+        with(12, 0),          // message type
+        with(16, 1),          // result
+        with(20, 203),        // length
+        with(20, 0x780000cc), // length
         Client::request(flash::opcodeFile, CMI_NEXT, {0}, 320),
         Client::request(flash::opcodePartition, CMI_NEXT, {0}, 204),
         Client::request(flash::opcodeFile + 1, CMI_NEXT, {0}, 204),
@@ -856,7 +856,9 @@ TEST_F(FsDaemon, RequestsThatArriveTogetherAreAnsweredInOrder) {
     for (int i = 0; i < 8; ++i) {
         const std::string answer = client.receive();
         ASSERT_EQ(answer.size(), sizeof(ruma::CmiHeader) + 204);
-        EXPECT_EQ(answer[sizeof(ruma::CmiHeader)], i % 2 == 0 ? 1 : 2);
+        uint32_t index = 0;
+        std::memcpy(&index, &answer[sizeof(ruma::CmiHeader)], sizeof index);
+        EXPECT_EQ(index, i % 2 == 0 ? 1U : 2U);
     }
 }
 
