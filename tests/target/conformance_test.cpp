@@ -133,13 +133,13 @@ int compare(const void *a, const void *b) {
 
 class Ordset : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(ordset_create(&set_, 1, 1, compare, 0), 0); }
+    void SetUp() override { ASSERT_EQ(ordset_create(&set_, 1, 1, compare, 1), 0); }
     void TearDown() override {
         while (void *first = ordset_find_nth_obj(&set_, 1))
             ASSERT_EQ(ordset_remove(&set_, first), first);
     }
-    ordset set_{};
-    int numbers_[5] = {7, INT32_MAX, -3, 9, INT32_MIN}; // outlive the set
+    static inline ordset set_{}; // made anew by each test: nothing ends a set
+    int numbers_[5] = {7, INT32_MAX, -3, 9, INT32_MIN};
 };
 
 TEST_F(Ordset, AllZeroBytesAreAnEmptySet) {
