@@ -1,0 +1,43 @@
+// What the strict build refuses. A program of its own: the other tests link the standard build.
+#define ORVEX_FLASH_STRICT
+#include "flash_strict.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+bool refused(const std::string &name) {
+    return flash::strict_refuses_name(reinterpret_cast<const u_char *>(name.data()), name.size());
+}
+
+TEST(Strict, OrdinaryNamesAreAccepted) {
+    for (const char *name :
+         {"bootflash:dir/image-1.0_b.bin", "log:messages", "a+b@c,d=e%f^g", "\xC3\xA4"})
+        EXPECT_FALSE(refused(name)) << name;
+}
+
+TEST(Strict, EachCharacterWithAMeaningToAShellIsRefused) {
+    for (const char character : std::string(" `$\"'\\|&;<>()*?[]{}~!#"))
+        EXPECT_TRUE(refused(std::string("na") + character + "me")) << character;
+}
+
+TEST(Strict, EachControlCharacterIsRefused) {
+    for (char character = 0; character < ' '; character++)
+        EXPECT_TRUE(refused(std::string("name") + character)) << static_cast<int>(character);
+    EXPECT_TRUE(refused("name\x7F"));
+}
+
+TEST(Strict, RowIndexesAbove2147483647AreRefused) {
+    EXPECT_FALSE(flash::strict_refuses_index(INT32_MAX));
+    EXPECT_TRUE(flash::strict_refuses_index(INT32_MIN));
+    EXPECT_TRUE(flash::strict_refuses_index(-1));
+}
+
+TEST(Strict, StagingNamesWithASlashAreRefused) {
+    EXPECT_FALSE(flash::strict_refuses_staging("name"));
+    EXPECT_TRUE(flash::strict_refuses_staging("/tmp/name"));
+    EXPECT_TRUE(flash::strict_refuses_staging("directory/name"));
+}
+
+} // namespace
