@@ -442,7 +442,7 @@ def configure(directory, number):
         f"add_subdirectory({directory / 'mibs'})\n",
         encoding="utf-8",
     )
-    command = ["cmake", "-S", str(directory), "-B", str(directory / "build")]
+    command = ["cmake", "-G", "Ninja", "-S", str(directory), "-B", str(directory / "build")]
     command += [f"-DORVEX_ENTERPRISE_NUMBER={number}", "-DCMAKE_INSTALL_LIBDIR=lib"]
     command += [f"-DCMAKE_INSTALL_PREFIX={directory / 'installed'}"]
     return subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
