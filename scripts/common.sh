@@ -10,35 +10,64 @@ python=/usr/bin/python3
 # Prints what comes next.
 say() { printf '\n== %s\n' "$*"; }
 
-# check NAME COMMAND...: runs a check and counts it; goes on after a failure.
-check() {
-    local name=$1 status=passed
-    shift
+# counted KIND NAME COMMAND...: runs a step and goes on after a failure. A step of the kind "check"
+# counts; one of the kind "suite" leaves result files, in which its tests are counted one by one, and
+# itself counts only when it fails.
+counted() {
+    local kind=$1 name=$2 status=passed began=$SECONDS
+    shift 2
     say "$name"
     if ! "$@"; then
         status=failed
         printf 'FAILED: %s\n' "$name"
     fi
     mkdir -p "$results"
-    printf '%s\t%s\n' "$status" "$name" >>"$results/checks.tsv"
+    [ "$kind$status" = suitepassed ] || printf '%s\t%s\n' "$status" "$name" >>"$results/checks.tsv"
+    printf '%5d s  %s\n' $((SECONDS - began)) "$name" >>"$results/took.txt"
 }
 
-# suite NAME COMMAND...: runs a step that leaves result files, in which its tests are counted one by
-# one; the step itself counts only when it fails.
-suite() {
-    local name=$1
-    shift
-    say "$name"
-    if ! "$@"; then
-        printf 'FAILED: %s\n' "$name"
-        mkdir -p "$results"
-        printf 'failed\t%s\n' "$name" >>"$results/checks.tsv"
-    fi
+check() { counted check "$@"; }
+suite() { counted suite "$@"; }
+
+# meanwhile STEP...: runs a check or a suite beside what follows, until `gather` waits for all of them
+# and shows what they printed, each as a whole. They end with the script.
+besides=()
+meanwhile() {
+    local log
+    log=$(mktemp "${TMPDIR:-/tmp}/orvex-step.XXXXXX")
+    set -m # in a process group of its own
+    "$@" >"$log" 2>&1 </dev/null &
+    set +m
+    besides+=("$!:$log")
+    trap 'end_besides' EXIT
 }
 
-# Sums the checks and the result files of all suites and prints the closing line; fails when
-# anything failed.
-closing_line() { "$python" "$root/scripts/sum-results" "$results"; }
+gather() {
+    local beside
+    for beside in "${besides[@]}"; do
+        wait "${beside%%:*}" || printf 'FAILED: a step ended early\n'
+        cat "${beside#*:}"
+        rm -f "${beside#*:}"
+    done
+    besides=()
+}
+
+# As an interrupt from the keyboard would: tests then end what they have started.
+end_besides() {
+    local beside
+    for beside in "${besides[@]}"; do
+        kill -INT -- "-${beside%%:*}" 2>/dev/null || :
+        wait "${beside%%:*}" 2>/dev/null || :
+        rm -f "${beside#*:}"
+    done
+}
+
+# Prints what each step took, sums the checks and the result files of all suites and prints the
+# closing line; fails when anything failed.
+closing_line() {
+    cat "$results/took.txt"
+    "$python" "$root/scripts/sum-results" "$results"
+}
 
 # Installs the packages that are missing.
 install_packages() {
@@ -69,15 +98,19 @@ install_packages() {
     [ -z "$ours" ] || rm -f "$policy"
 }
 
-# build PRESET [TARGET...]: configures and builds.
+# build PRESET [TARGET...]: configures and builds. Whoever else builds the preset at the same time
+# waits.
 build() {
     local preset=$1
     shift
-    (cd "$root" && cmake --preset "$preset" >"build-$preset.log" 2>&1) || {
-        cat "$root/build-$preset.log"
-        rm -f "$root/build-$preset.log"
-        return 1
-    }
-    rm -f "$root/build-$preset.log"
-    ninja -C "$root/build/$preset" "$@"
+    mkdir -p "$root/build"
+    (
+        flock 9
+        cd "$root"
+        cmake --preset "$preset" >"build/$preset.log" 2>&1 || {
+            cat "build/$preset.log"
+            exit 1
+        }
+        ninja -C "build/$preset" "$@"
+    ) 9>"$root/build/$preset.lock"
 }

@@ -1,7 +1,9 @@
 """SNMP packets made by hand: what no well-behaved tool sends, and answers byte for byte."""
 
+import contextlib
 import itertools
 import socket
+import time
 from dataclasses import dataclass
 
 INTEGER = 0x02
@@ -87,12 +89,20 @@ def binding(name: str, value: bytes) -> bytes:
     return tlv(SEQUENCE, object_id(name) + value)
 
 
-def message(kind, bindings, *, version=V2C, community=b"test", first=0, second=0) -> bytes:
+class Request(bytes):
+    """A request's packet, which knows the id that its answer must bear."""
+
+    request_id: int
+
+
+def message(kind, bindings, *, version=V2C, community=b"test", first=0, second=0) -> Request:
     """A request. `first` and `second` are a GETBULK's non-repeaters and repetitions."""
     request_id = next(_request_ids)
     fields = integer(request_id) + integer(first) + integer(second)
     pdu = tlv(kind, fields + tlv(SEQUENCE, b"".join(bindings)))
-    return tlv(SEQUENCE, integer(version) + octets(community) + pdu)
+    packet = Request(tlv(SEQUENCE, integer(version) + octets(community) + pdu))
+    packet.request_id = request_id
+    return packet
 
 
 def _split(data: bytes):
@@ -186,17 +196,23 @@ class Sender:
     def send(self, packet: bytes) -> None:
         self._socket.send(packet)
 
-    def receive(self, timeout: float = 5.0):
-        """The next answer, or None when none comes in time or nobody listens."""
-        self._socket.settimeout(timeout)
-        try:
-            return parse(self._socket.recv(65536))
-        except (TimeoutError, ConnectionRefusedError):
-            return None
+    def receive(self, request: Request, timeout: float = 5.0):
+        """The next answer to a request, or None when none comes in time or nobody listens.
 
-    def exchange(self, packet: bytes, timeout: float = 5.0):
-        self.send(packet)
-        return self.receive(timeout)
+        Answers to other requests are discarded: they come late, after somebody gave up on them.
+        """
+        deadline = time.monotonic() + timeout
+        with contextlib.suppress(TimeoutError, ConnectionRefusedError):
+            while (left := deadline - time.monotonic()) > 0:
+                self._socket.settimeout(left)
+                packet = parse(self._socket.recv(65536))
+                if packet.request_id == request.request_id:
+                    return packet
+        return None
+
+    def exchange(self, request: Request, timeout: float = 5.0):
+        self.send(request)
+        return self.receive(request, timeout)
 
     def get(self, *names, timeout: float = 5.0, version=V2C):
         bindings = [binding(name, null()) for name in names]

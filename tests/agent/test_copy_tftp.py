@@ -469,7 +469,7 @@ def test_repeated_create_and_go_datagram_starts_one_copy(host):
     packet = ber.message(ber.SET, [ber.binding(*pair) for pair in pairs])
     host.sender.send(packet)
     host.sender.send(packet)
-    answers = [host.sender.receive().error, host.sender.receive().error]
+    answers = [host.sender.receive(packet).error for _ in range(2)]
     assert answers == [ber.NO_ERROR, ber.INCONSISTENT_VALUE]
     wait_for(server.held.is_set, "the transfer reaches its middle")
     assert len(live_children(host.agent.pid)) == 1

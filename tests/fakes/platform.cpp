@@ -249,6 +249,11 @@ int trace_count(uint32_t subtype, std::string_view text) {
     return count;
 }
 
+Trace last_trace() {
+    const Traces all = traces();
+    return all.empty() ? Trace{0, {}} : all.back();
+}
+
 bool traced(uint32_t subtype, std::string_view text) { return trace_count(subtype, text) > 0; }
 
 Lines trace_texts(uint32_t subtype) {

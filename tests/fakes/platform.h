@@ -247,6 +247,7 @@ Lines trace_calls(std::string_view prefix = "");
 Lines everything();
 
 Traces traces();
+Trace last_trace(); // {0, ""} when there is none
 bool traced(uint32_t subtype, std::string_view text);
 int trace_count(uint32_t subtype, std::string_view text);
 Lines trace_texts(uint32_t subtype);

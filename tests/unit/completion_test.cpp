@@ -424,14 +424,14 @@ TEST_F(CompletionTest, ARowThatCannotBeStoredIsTracedAndTheWorkerReaped) {
 TEST_F(CompletionTest, TheResultOfTheWaitIsTraced) {
     os().waitpid.returns(-1, ECHILD);
     handle_flash_copy_done(2, 7, 4242);
-    EXPECT_EQ(fakes::traces().back(), (Trace{error_level, "Waitpid status = -1"}));
+    EXPECT_EQ(fakes::last_trace(), (Trace{error_level, "Waitpid status = -1"}));
 }
 
 TEST_F(CompletionTest, AnInterruptedWaitIsTakenUpAgain) {
     os().waitpid.returns(-1, EINTR).returns(-1, EINTR);
     handle_flash_copy_done(2, 7, 4242);
     EXPECT_EQ(fakes::calls("waitpid"), Lines(3, "waitpid pid=4242 status=null options=0"));
-    EXPECT_EQ(fakes::traces().back(), (Trace{error_level, "Waitpid status = 4242"}));
+    EXPECT_EQ(fakes::last_trace(), (Trace{error_level, "Waitpid status = 4242"}));
 }
 
 TEST_F(CompletionTest, NoProcessIsWaitedForUnlessItsIdIsAboveZero) {
@@ -440,7 +440,7 @@ TEST_F(CompletionTest, NoProcessIsWaitedForUnlessItsIdIsAboveZero) {
         fakes::forget();
         handle_flash_copy_done(2, 7, process);
         EXPECT_THAT(fakes::calls("waitpid"), IsEmpty());
-        EXPECT_EQ(fakes::traces().back(), (Trace{error_level, "Waitpid status = -1"}));
+        EXPECT_EQ(fakes::last_trace(), (Trace{error_level, "Waitpid status = -1"}));
         EXPECT_EQ(fakes::stored_copy_row(7)->copyStatus, 2);
     }
 }
@@ -1051,6 +1051,7 @@ TEST_F(PipeTest, CompletionFromThePipeIsTraced) {
     end();
     complete();
     const Traces all = fakes::traces();
+    ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front(), (Trace{debug_level, "Entering handle_flash_copy_over..\n"}));
     EXPECT_EQ(all.back(), (Trace{debug_level, "Entering handle_flash_copy_success()..\n"}));
     const Traces expected = {

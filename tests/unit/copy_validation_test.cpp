@@ -560,7 +560,7 @@ TEST_F(StartTest, ARowThatIsGoneAfterTheStartIsNoSuchName) {
 
 TEST_F(StartTest, AnAcceptedRowThatCannotBeStoredIsAGeneralErrorAndNotStarted) {
     EXPECT_EQ(start(good_row(), false), 5);
-    EXPECT_EQ(fakes::traces().back(), not_stored);
+    EXPECT_EQ(fakes::last_trace(), not_stored);
     EXPECT_THAT(fakes::calls("fork"), IsEmpty());
     EXPECT_EQ(printed, "");
     EXPECT_EQ(flash_copy_pid, 0);
@@ -632,7 +632,7 @@ TEST_F(StartTest, ARefusedRowThatCannotBeStoredIsAGeneralErrorWhateverTheRefusal
     for (const flashCopyEntry &wanted : {good_row(4), incomplete}) {
         EXPECT_EQ(start(wanted, false), 5);
         EXPECT_TRUE(fakes::traced(debug_level, "validate_flash_entry FAILED.\n"));
-        EXPECT_EQ(fakes::traces().back(), not_stored);
+        EXPECT_EQ(fakes::last_trace(), not_stored);
     }
 }
 
@@ -664,7 +664,7 @@ TEST_F(StartTest, Protocol2IsAFinishedLineCardCopyWithoutValidation) {
 TEST_F(StartTest, ALineCardCopyThatCannotBeStoredIsAGeneralError) {
     fakes::add_copy_row(3);
     EXPECT_EQ(start(good_row(1, 2), false), 5);
-    EXPECT_EQ(fakes::traces().back(), not_stored);
+    EXPECT_EQ(fakes::last_trace(), not_stored);
     EXPECT_EQ(row.copyStatus, 2);
     EXPECT_EQ(row.entryStatus, 1);
 }
@@ -673,8 +673,7 @@ TEST_F(StartTest, TheRowsIndexIsNamedWhenItCannotBeStored) {
     flashCopyEntry wanted = good_row(1, 2);
     wanted.index = 2147483647;
     start(wanted, false);
-    EXPECT_THAT(fakes::traces().back().text,
-                HasSubstr(": Set to entry (index= 2147483647) failed "));
+    EXPECT_THAT(fakes::last_trace().text, HasSubstr(": Set to entry (index= 2147483647) failed "));
 }
 
 } // namespace

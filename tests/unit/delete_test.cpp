@@ -292,7 +292,7 @@ TEST_F(DeleteRequestTest, ALineCardNameIsAnsweredAsDoneWithoutADelete) {
 TEST_F(DeleteRequestTest, ALineCardNameThatCannotBeStoredIsAGeneralError) {
     EXPECT_EQ(request(row_with("ilc-nvram:a"), false), 5);
     EXPECT_EQ(row.operationStatus, 2);
-    EXPECT_EQ(fakes::traces().back(), not_stored);
+    EXPECT_EQ(fakes::last_trace(), not_stored);
 }
 
 TEST_F(DeleteRequestTest, OnlyTheExactSchemeIsTheLineCards) {
@@ -318,13 +318,14 @@ TEST_F(DeleteRequestTest, ANameThatDoesNotResolveIsStoredUnchangedAndNoError) {
     ASSERT_TRUE(stored.has_value());
     EXPECT_EQ(std::memcmp(&*stored, &wanted, sizeof wanted), 0);
     EXPECT_THAT(fakes::calls("unlink"), IsEmpty());
+    ASSERT_FALSE(own_traces().empty());
     EXPECT_EQ(own_traces().back(), (Trace{debug_level, "validate_flash_entry FAILED.\n"}));
 }
 
 TEST_F(DeleteRequestTest, ANameThatDoesNotResolveAndCannotBeStoredIsAGeneralError) {
     EXPECT_EQ(request(row_with("nowhere:a"), false), 5);
     EXPECT_TRUE(fakes::traced(debug_level, "validate_flash_entry FAILED.\n"));
-    EXPECT_EQ(fakes::traces().back(), not_stored);
+    EXPECT_EQ(fakes::last_trace(), not_stored);
     EXPECT_EQ(row.operationStatus, initial);
 }
 

@@ -209,7 +209,7 @@ TEST_F(FrameTest, AWriteStreamThatDoesNotOpenEndsTheStart) {
     EXPECT_EQ(os().fdopen.count(), 1);
     EXPECT_EQ(write_stream, nullptr);
     EXPECT_EQ(read_stream, nullptr);
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (fakes::Trace{101, "Could not open the stream for writing; ERRNO=" +
                                      std::to_string(ENOMEM) + "\n"}));
 }
@@ -220,7 +220,7 @@ TEST_F(FrameTest, AReadStreamThatDoesNotOpenLeavesTheWriteStreamOpen) {
     ASSERT_NE(write_stream, nullptr);
     EXPECT_TRUE(is_open(fileno(write_stream)));
     EXPECT_EQ(read_stream, nullptr);
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (fakes::Trace{101, "Could not open the stream for reading; ERRNO=" +
                                      std::to_string(EMFILE) + "\n"}));
     EXPECT_FALSE(fakes::traced(101, "Read and Write Streams are OPEN.\n"));
@@ -338,8 +338,7 @@ TEST_F(FrameTest, DeinitUnregistersTheColumnsOneByOneWhenTheAgentDoesNotKnowTheR
     }
     EXPECT_EQ(expected.size(), 51U);
     EXPECT_EQ(fakes::calls(), expected);
-    EXPECT_EQ(fakes::traces().back(),
-              (fakes::Trace{101, "DEBUG : EXIT deinit_orvex_flash_mib \n"}));
+    EXPECT_EQ(fakes::last_trace(), (fakes::Trace{101, "DEBUG : EXIT deinit_orvex_flash_mib \n"}));
 }
 
 TEST_F(FrameTest, AfterDeinitThePipeStaysOpenAndItsStatusKeepsItsValue) {

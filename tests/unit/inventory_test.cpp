@@ -796,7 +796,7 @@ TEST_F(Inventory, AFileRequestIsTracedBeforeItIsSent) {
 
 TEST_F(Inventory, TheFileTypeIsTraced) {
     get(47, {7, 8, 9});
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (fakes::Trace{101, "get_orvexFlashFileTable : orvexFlashFileType: 6\n"}));
 }
 

@@ -236,7 +236,7 @@ TEST_F(RowTables, AnUnservedMagicWithoutAMatchingRowSetsNoDetail) {
         EXPECT_EQ(answer.value, nullptr);
         EXPECT_EQ(answer.write_method, untouched);
         EXPECT_EQ(fakes::calls(), Lines{});
-        EXPECT_EQ(fakes::traces().back(),
+        EXPECT_EQ(fakes::last_trace(),
                   (fakes::Trace{101, magic == copyCommand
                                          ? "header_flashCopyEntry returned MATCH_FAILED....\n"
                                          : "header_flashMiscOpEntry returned MATCH_FAILED....\n"}));
@@ -508,7 +508,7 @@ TEST_F(RowTables, TheCopyStatusIsTraced) {
     fakes::add_copy_row(7, [](flashCopyEntry &row) { row.copyStatus = 12; });
     fakes::forget();
     get(56, {7});
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (fakes::Trace{101, "get_orvexFlashCopyTable: Flash copy status is 12\n"}));
 }
 
@@ -516,7 +516,7 @@ TEST_F(RowTables, TheEntryStatusIsTraced) {
     fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = 5; });
     fakes::forget();
     get(59, {7});
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (fakes::Trace{101, "get_orvexFlashCopyTable: Flash copy entry status is 5\n"}));
 }
 
@@ -551,7 +551,7 @@ TEST_F(RowTables, ACopyTableThatIsEmptyAfterAMatchIsTracedAndAnsweredWithNull) {
     platform().ordset_size.always(0);
     const Answer answer = getnext(50);
     EXPECT_EQ(answer.value, nullptr);
-    EXPECT_EQ(fakes::traces().back(), (fakes::Trace{101, "flashCopyTable does not exist....\n"}));
+    EXPECT_EQ(fakes::last_trace(), (fakes::Trace{101, "flashCopyTable does not exist....\n"}));
     EXPECT_EQ(answer.write_method, &set_orvexFlashCopyCommand);
 }
 

@@ -218,7 +218,7 @@ TEST_F(TransferTest, ATftpGetWhoseModeCannotBeSetStillSucceeds) {
     EXPECT_EQ(transfer(get_direction, row), flash::success);
     EXPECT_EQ(row.copyStatus, untouched_status);
     EXPECT_EQ(
-        fakes::traces().back(),
+        fakes::last_trace(),
         (Trace{error_level, "do_flash_upload_download : Could not change the file "
                             "permissions to 666 after successful tftp copy. ret_code1=-1\n"}));
 }
@@ -442,7 +442,7 @@ void expect_staging_failure(flashCopyEntry row) {
     EXPECT_EQ(transfer(put_direction, row), flash::failure);
     EXPECT_EQ(row.copyStatus, 14);
     EXPECT_THAT(fakes::calls("tftp_put"), IsEmpty());
-    EXPECT_EQ(fakes::traces().back(),
+    EXPECT_EQ(fakes::last_trace(),
               (Trace{debug_level,
                      "do_flash_upload_download : STATUS_FILE_TRANSFERERR for " + source + "\n"}));
 }
@@ -759,7 +759,7 @@ TEST_P(ScriptTest, ExitCodesBecomeCopyStatuses) {
             EXPECT_EQ(transfer(direction, row), flash::failure);
             EXPECT_EQ(row.copyStatus, outcome.status);
             EXPECT_EQ(
-                fakes::traces().back(),
+                fakes::last_trace(),
                 (Trace{debug_level, script.exit_message + std::to_string(outcome.code) + "\n"}));
             EXPECT_THAT(fakes::calls("chmod"), IsEmpty());
         }

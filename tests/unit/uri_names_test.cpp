@@ -159,7 +159,7 @@ TEST_F(SplitTest, ATextWithoutATokenIsTraced) {
 
 TEST_F(SplitTest, ADroppedTokenIsNotCountedInTheTrace) {
     split("a:" + std::string(300, 'x') + ":b");
-    EXPECT_EQ(fakes::traces().back(), (Trace{debug_level, "returning ctr = 2\n"}));
+    EXPECT_EQ(fakes::last_trace(), (Trace{debug_level, "returning ctr = 2\n"}));
 }
 
 // Schemes
@@ -245,7 +245,7 @@ TEST_F(CopySchemeTest, ANameWithoutATokenIsRefused) {
         fakes::forget();
         flashCopyEntry row = with_name(source, name);
         EXPECT_EQ(parse_file_n_get_scheme(&row, source), 0);
-        EXPECT_EQ(fakes::traces().back(),
+        EXPECT_EQ(fakes::last_trace(),
                   (Trace{error_level,
                          "ERROR  parse_file_n_get_scheme : The Filename does NOT contain :\n"}));
         EXPECT_STREQ(row.schemeName, "before");
@@ -353,7 +353,7 @@ TEST_F(DeleteSchemeTest, ANameWithoutATokenIsRefused) {
         flashMiscOpEntry row = with_delete_name(name);
         EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 0);
         EXPECT_EQ(
-            fakes::traces().back(),
+            fakes::last_trace(),
             (Trace{error_level,
                    "ERROR  parse_MiscOpfile_n_get_scheme : The Filename does NOT contain :\n"}));
     }
@@ -365,7 +365,7 @@ TEST_F(DeleteSchemeTest, ATokenThatIsNoSchemeIsRefusedSilently) {
         fakes::forget();
         flashMiscOpEntry row = with_delete_name(name);
         EXPECT_EQ(parse_MiscOpfile_n_get_scheme(&row), 0);
-        EXPECT_EQ(fakes::traces().back(), (Trace{debug_level, "returning ctr = 2\n"}));
+        EXPECT_EQ(fakes::last_trace(), (Trace{debug_level, "returning ctr = 2\n"}));
         EXPECT_EQ(fakes::traces().size(), 3U);
     }
 }
