@@ -411,7 +411,7 @@ def test_error_log_names_the_snmpv3_user_and_the_session_of_a_refused_copy(v3_ho
     v3_host.create_copy(1, source="image.bin", destination="bootflash:../escaped")
     with pytest.raises(ToolError, match="genError"):
         v3_host.snmpset(f"{CopyColumn.ROW}.1", "i", ACTIVE, version="3")
-    [[_time, code, *_text, user, session]] = v3_host.error_log()
+    [[_time, code, _text, user, session]] = v3_host.error_log()
     assert (code, user) == ("0x4049001d", f"user {V3_USER}")
     assert re.fullmatch(r"session -?\d+", session)
 

@@ -134,6 +134,16 @@ TEST_F(ErrorLog, EscapesAUserNameThatWouldReadAsMoreThanOneField) {
                 testing::EndsWith(", x, user a\\nb\\x2c session 7\\x1b, session 42\n"));
 }
 
+TEST_F(ErrorLog, EscapesATextThatWouldReadAsMoreThanOneField) {
+    std::string user = "flashadmin";
+    ruma::enter_request(request_of(SNMP_VERSION_3, user));
+    ASSERT_EQ(log(1, "no file, user root, session 7"), 0);
+    const std::string expected =
+        "no file\\x2c user root\\x2c session 7, user flashadmin, session 42\n";
+    EXPECT_THAT(read_file(path), testing::EndsWith("Z, 0x00000001, " + expected));
+    EXPECT_THAT(read_file(ruma::run_dir() + "/agent.log"), testing::HasSubstr(": " + expected));
+}
+
 TEST_F(ErrorLog, ShowsNegativeCodes) {
     ASSERT_EQ(log(-1, "x"), 0);
     EXPECT_THAT(read_file(path), testing::HasSubstr(", 0xffffffff, x\n"));

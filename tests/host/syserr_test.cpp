@@ -4,8 +4,10 @@
 #include "syserr/codes.h"
 
 #include <gtest/gtest.h>
+#include <iterator>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -55,11 +57,24 @@ TEST(SyserrTest, EveryCodeOfTheModuleAndTheHostPlatformIsKnown) {
         EXPECT_TRUE(is_known(code)) << std::hex << code;
 }
 
-TEST(SyserrTest, SentencesFitTheErrorLogAndAreSentences) {
-    for (const int32_t code : host_codes) {
+std::vector<int32_t> all_codes() {
+    std::vector<int32_t> codes(std::begin(host_codes), std::end(host_codes));
+    codes.insert(codes.end(), std::begin(module_codes), std::end(module_codes));
+    return codes;
+}
+
+TEST(SyserrTest, SentencesFitTheErrorRecordAndAreSentences) {
+    for (const int32_t code : all_codes()) {
         const std::string sentence = syserr_format(code);
-        EXPECT_LT(sentence.size(), 256u);
-        EXPECT_EQ(sentence.back(), '.');
+        EXPECT_LE(sentence.size(), 200u) << sentence;
+        EXPECT_EQ(sentence.back(), '.') << sentence;
+    }
+}
+
+TEST(SyserrTest, SentencesAreNotEscapedInTheErrorLog) {
+    for (const int32_t code : all_codes()) {
+        const std::string sentence = syserr_format(code);
+        EXPECT_EQ(sentence.find(','), std::string::npos) << sentence;
     }
 }
 

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <new>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,12 +22,14 @@ constexpr mode_t log_mode = 0640;
 
 static_assert(sizeof(snmp_error_record) == 472);
 
-// Who asked for what went wrong, as a line's last fields. Separators are escaped in the name, lest
-// a user reads as two fields.
+// A text or a name as one field of a line: its commas are escaped, lest it reads as two.
+std::string field(std::string_view content) { return ruma::printable(content, ","); }
+
+// Who asked for what went wrong, as a line's last fields.
 std::string requester() {
     if (!ruma::serving_request())
         return {};
-    const std::string user = ruma::printable(get_snmp_username(0), ",");
+    const std::string user = field(get_snmp_username(0));
     return (user.empty() ? "" : ", user " + user) + ", session " +
            std::to_string(get_snmp_sessionid(0));
 }
@@ -77,8 +80,7 @@ extern "C" int log_snmp_error(const struct snmp_error_record *record) {
         return -1;
     try {
         const std::string text =
-            ruma::printable({record->text, strnlen(record->text, sizeof record->text)}) +
-            requester();
+            field({record->text, strnlen(record->text, sizeof record->text)}) + requester();
         char code[16];
         std::snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(record->code));
         snmp_log(LOG_WARNING, "error %s: %s\n", code, text.c_str());

@@ -3,8 +3,11 @@
 
 #include "syserr/codes.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <iterator>
+#include <string_view>
 
 namespace {
 
@@ -14,7 +17,10 @@ struct Text {
     const char *sentence;
 };
 
-// Sentences stay below 256 bytes: the error log holds no more.
+// Sentences hold no comma, which the error log would have to escape, and need no more bytes than
+// the module enters into an error record.
+constexpr std::size_t max_sentence = 200;
+
 constexpr Text texts[] = {
     {ruma::success, "SUCCESS", "The operation succeeded."},
 
@@ -44,7 +50,7 @@ constexpr Text texts[] = {
     {0x4049001C, "invalid source file",
      "The source file name is invalid or does not name a file of this device."},
     {0x4049001D, "invalid destination file",
-     "The destination file name is invalid, or its directory does not exist."},
+     "The destination file name is invalid or its directory does not exist."},
     {0x4049003C, "protocol not supported", "The transfer protocol is not supported."},
     {0x4049003E, "another copy in progress",
      "Another copy is in progress; only one may run at a time."},
@@ -56,12 +62,12 @@ constexpr Text texts[] = {
     // The host platform.
     {ruma::uri_bad_argument, "bad argument", "The call lacks a file name or a place for a result."},
     {ruma::uri_malformed, "malformed file name",
-     "The file name is not of the form \"scheme:path\", or holds \"..\" or a control character."},
+     "The file name is not of the form \"scheme:path\" or holds \"..\" or a control character."},
     {ruma::uri_unknown_scheme, "unknown scheme", "This device has no file system of that name."},
     {ruma::uri_outside, "outside the file system",
      "The file name leads outside its file system through a link."},
     {ruma::uri_no_directory, "no such directory",
-     "The directory of the file, or the file system's own, does not exist."},
+     "The directory of the file or that of the file system does not exist."},
     {ruma::uri_not_found, "no such file", "There is no file of that name."},
     {ruma::uri_too_long, "file name too long", "The file name or its local path is too long."},
     {ruma::uri_refused, "access refused", "The operating system refused access to the file."},
@@ -77,6 +83,11 @@ constexpr Text texts[] = {
     {ruma::log_no_space, "no space for the log", "There is not enough space for the log dump."},
     {ruma::log_too_large, "system log too large", "The system log is too large for a log dump."},
 };
+
+static_assert(std::all_of(std::begin(texts), std::end(texts), [](const Text &text) {
+    const std::string_view sentence = text.sentence;
+    return sentence.size() <= max_sentence && sentence.find(',') == sentence.npos;
+}));
 
 const Text *find(int32_t code) {
     for (const Text &text : texts) {

@@ -35,7 +35,9 @@ int32_t get_snmp_sessionid(int request);
 /* Enters a record into the agent's error log, with the user name and the session of the request
  * that the agent is serving, when there is one (the host platform: a line "TIME, CODE, TEXT, user
  * NAME, session ID", without the user for a version without users, and ending with the text outside
- * a request). The record is copied. Returns 0, or -1 when it could not be entered. */
+ * a request; a comma in TEXT or NAME is written \x2c, a backslash \\ and a byte outside printable
+ * ASCII \xHH, newlines at the end left out and others written \n, so that ", " only ever separates
+ * fields). The record is copied. Returns 0, or -1 when it could not be entered. */
 int log_snmp_error(const struct snmp_error_record *record);
 
 /* Appends a binding to a variable list: `length` bytes of `value`, copied, of the ASN.1 type `type`
