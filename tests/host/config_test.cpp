@@ -100,6 +100,20 @@ TEST_F(ConfigTest, SchemeOf16CharactersIsRefused) {
     EXPECT_EQ(complaint(table("abcdefghij-01890")), "2: scheme is longer than 15 bytes");
 }
 
+// As many as the inventory's record of a device holds.
+TEST_F(ConfigTest, DescriptionOf143BytesIsTaken) {
+    std::string text = "d";
+    while (text.size() < 143)
+        text += "\xc3\xbc";
+    EXPECT_EQ(load(table("a") + "description = \"" + text + "\"\n").file_systems[0].description,
+              text);
+}
+
+TEST_F(ConfigTest, DescriptionOf144BytesIsRefused) {
+    EXPECT_EQ(complaint(table("a") + "description = \"" + std::string(144, 'd') + "\"\n"),
+              "4: description is longer than 143 bytes");
+}
+
 TEST_F(ConfigTest, EmptySchemeIsRefused) {
     EXPECT_EQ(complaint(table("")), "2: scheme is missing or empty");
 }

@@ -1,5 +1,7 @@
 #include "config/config.h"
 
+#include "flash_records.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -21,7 +23,7 @@ constexpr const char *default_run_dir = "/run/ruma";
 constexpr size_t max_scheme = 15;
 constexpr size_t max_file_systems = 32;
 constexpr size_t max_directory = 200; // leaves room for a file name in the module's path fields
-constexpr size_t max_description = 255;
+constexpr size_t max_description = sizeof(flashDeviceEntry::description) - 1;
 constexpr size_t max_user = 32;
 constexpr std::uintmax_t max_config_size = 1 << 20;
 
