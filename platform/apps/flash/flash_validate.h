@@ -21,6 +21,9 @@ constexpr std::size_t flashNameTokens = 128;
 // on into the following slots: `slots` holds flashNameTokens. Returns the number of tokens stored.
 FLASH_API int32_t snmp_uri_map_str_split(char *text, const char *delimiters, flashToken *slots);
 
+// Which name of a copy row is meant is a flash::Side: sideDestination is the destination, and every
+// other number the source.
+
 // Return 1 when the name's scheme is one that a copy or a delete accepts, and store it in the row;
 // else 0. The delete's helper also stores the rest of the name and cuts the row's name up.
 FLASH_API int32_t parse_file_n_get_scheme(flashCopyEntry *entry, int32_t side);
@@ -28,10 +31,11 @@ FLASH_API int32_t parse_MiscOpfile_n_get_scheme(flashMiscOpEntry *entry);
 
 // Classifies a name of a copy row, cutting it up: flash::pathOrdinary when there is nothing but "/"
 // in it (an empty path is stored, with its kind), -1 when there is more than one component, else 3,
-// or -1 for the source. No name is found to lie on the standby supervisor.
+// but -1 for sideSource itself, unlike the other numbers that mean the source. No name is found to
+// lie on the standby supervisor.
 FLASH_API int32_t parse_file_n_get_pathname(flashCopyEntry *entry, int32_t side);
 
-// Resolves one name of a copy row (flash::Side) to a local path in the row. Returns 1, or 0 when
+// Resolves one name of a copy row to a local path in the row. Returns 1, or 0 when
 // the name is refused. Blocks while the file system is looked at, and for the system log as source
 // while it is written out.
 FLASH_API int32_t validate_filename(flashCopyEntry *entry, int32_t side);

@@ -37,8 +37,10 @@ FLASH_API std::FILE *write_stream;
 FLASH_API std::FILE *read_stream;
 
 // Starts the module: registers the object table and the copy-status callback, creates the pipe and
-// its streams. A step that fails is reported and does not stop the steps that do not need it. The
-// agent calls it at load, and again after a reload of its configuration.
+// its streams. A failed registration or pipe is reported and does not stop the steps that follow. A
+// stream that cannot be opened is traced and ends the start: read_stream stays null when
+// write_stream failed, and what was opened before stays open. The agent calls it at load, and again
+// after a reload of its configuration.
 FLASH_API void init_orvex_flash_mib(void);
 
 // Stops the module: unregisters the objects. Rows, pipe, alarms and callback stay.

@@ -14,8 +14,9 @@ struct svcmgr_path {
 };
 
 /* Resolves a core-file URI to a local path. `response_queue` is the caller's pmb_response_q, on
- * which the system manager answers. Returns 0 with `*path` filled, or a platform error code with
- * `*path` untouched. */
+ * which the system manager answers. Returns 0, or 0x401E0059 when another service of the platform
+ * resolved it: both are success, with `*path` filled. Any other result is a platform error code,
+ * with `*path` untouched. */
 int32_t svcmgrcmi_core_uri_to_path(int response_queue, const char *uri, struct svcmgr_path *path);
 
 #ifdef __cplusplus
