@@ -24,6 +24,8 @@ from tftp_server import TftpServer
 CONTENT = random.Random(3).randbytes(100_000)
 COPY_ARGUMENTS = dict(source="image.bin", destination="bootflash:image.bin")
 DAY = 86400
+LINE_CARD_COPY = 2
+INVALID_PROTOCOL = 4
 
 
 class Clock:
@@ -86,6 +88,20 @@ def test_row_that_is_being_filled_in_stays_for_305_seconds(idle_host, clock, ser
     assert idle_host.copy_status(8) == NEW_ROW
     clock.advance_to(620)
     assert idle_host.copy_status(8) is None
+
+
+def test_outcome_without_a_transfer_counts_from_the_creation_of_its_row(idle_host, clock, server):
+    """That of a refused activation, and of a line-card copy."""
+    for row, columns in ((8, dict(protocol=LINE_CARD_COPY)), (9, dict(source=None))):
+        idle_host.create_copy(row, **(COPY_ARGUMENTS | columns))
+    assert idle_host.copy(7, **COPY_ARGUMENTS) == SUCCESS
+    clock.advance_to(300)
+    assert idle_host.activate(8) == ber.NO_ERROR
+    assert idle_host.activate(9) == ber.INCONSISTENT_VALUE
+    outcomes = [idle_host.copy_status(row) for row in (8, 9)]
+    assert outcomes == [SUCCESS, INVALID_PROTOCOL]
+    clock.advance_to(310)
+    assert [idle_host.copy_status(row) for row in (8, 9)] == [None, None]
 
 
 def test_row_in_progress_stays_when_the_clock_steps_a_day_forward(idle_host, clock):

@@ -176,6 +176,11 @@ def test_linter_finds_nothing():
     assert lint(MIB) == []
 
 
+def test_lines_fit_a_terminal():
+    lines = MIB.read_text(encoding="ascii").splitlines()
+    assert [line for line in lines if len(line) > 80] == []
+
+
 def test_only_two_names_exceed_the_32_characters_that_the_linter_likes():
     # Both names are fixed by the tables they belong to; the linter hides this check by default.
     lines = lint(MIB, "-I", "namelength-32")
@@ -330,6 +335,12 @@ def tool_enumeration(translate, name):
     return {label: int(value) for label, value in re.findall(r"(\w+)\((\d+)\)", shown)}
 
 
+def truth_values():
+    """Labels and values of a TruthValue, from the module's header."""
+    code = header_enum(CODES, "TruthValue")
+    return {label[5:].lower(): value for label, value in code.items()}
+
+
 @pytest.mark.parametrize("column", ["CopyEntryStatus", "MiscOpEntryStatus"])
 def test_row_status_holds_the_values_of_the_code(translate, column):
     described = translate("-Td", f"ORVEX-FLASH-MIB::orvexFlash{column}")
@@ -345,14 +356,15 @@ def test_row_status_holds_the_values_of_the_code(translate, column):
         "DevicePresent",
         "PartitionFormatRequired",
         "PartitionWriteAccess",
-        "CopyNotifyOnCompletion",
-        "MiscOpNotifyOnCompletion",
     ],
 )
 def test_truth_value_holds_the_values_of_the_code(translate, column):
-    code = header_enum(CODES, "TruthValue")
-    expected = {label[5:].lower(): value for label, value in code.items()}
-    assert tool_enumeration(translate, column) == expected
+    assert tool_enumeration(translate, column) == truth_values()
+
+
+@pytest.mark.parametrize("column", ["CopyNotifyOnCompletion", "MiscOpNotifyOnCompletion"])
+def test_notification_column_has_a_value_for_what_a_refused_request_leaves(translate, column):
+    assert tool_enumeration(translate, column) == {"unset": 0} | truth_values()
 
 
 @pytest.mark.parametrize(
@@ -391,6 +403,11 @@ def test_inventory_enumeration_holds_the_values_of_the_file_system_daemon(
 def test_string_has_its_size(translate, column, size):
     described = translate("-Td", f"ORVEX-FLASH-MIB::orvexFlash{column}")
     assert re.search(r"^  SYNTAX\tOCTET STRING (\(.*\)) *$", described, re.M).group(1) == size
+
+
+def test_device_description_may_be_utf_8(translate):
+    described = translate("-Td", "ORVEX-FLASH-MIB::orvexFlashDeviceDescr")
+    assert "TEXTUAL CONVENTION OrvexFlashText" in described
 
 
 @pytest.mark.parametrize(
