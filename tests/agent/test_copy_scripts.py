@@ -268,6 +268,11 @@ def test_exit_code_of_a_script_has_its_status(host, code, status):
         assert copied == status[protocol], protocol
 
 
+def process_name(pid):
+    with open(f"/proc/{pid}/comm", encoding="utf-8") as file:
+        return file.read().removesuffix("\n")
+
+
 def command_line(pid):
     with open(f"/proc/{pid}/cmdline", "rb") as file:
         return file.read().split(b"\0")
@@ -309,6 +314,23 @@ def test_what_is_killed_by_a_signal_has_the_exit_code_that_the_module_sees(
     end_script(host, protocol, with_shell)
     assert host.finish_copy(held.ROW) == status
     assert held.destination() is None
+    wait_for(lambda: not host.strays(), "no process of the transfer is left")
+
+
+@pytest.mark.parametrize("protocol, program", [("ftp", "tnftp"), ("scp", "scp"), ("sftp", "sftp")])
+@both_ways
+def test_killed_client_of_a_script_is_a_transfer_error(host, protocol, verb, program):
+    """A get leaves the former file as it was."""
+    held = HeldCopy(host, protocol, verb)
+    if verb == "get":
+        (host.flash() / "large").write_bytes(b"old")
+    held.start()
+    [client] = [pid for pid in host.strays() if process_name(pid) == program]
+    os.kill(client, signal.SIGKILL)
+    assert host.finish_copy(held.ROW) == TRANSFER_ERROR
+    assert [path.name for path in host.flash().iterdir()] == ["large"]
+    content = b"old" if verb == "get" else held.content
+    assert (host.flash() / "large").read_bytes() == content
     wait_for(lambda: not host.strays(), "no process of the transfer is left")
 
 

@@ -222,24 +222,30 @@ class SshServer(Server):
 
 
 class Forwarder:
-    """Passes connections on to a server, on an address of its own, and stalls after `limit` bytes
-    in either direction: from then on a transfer stands still until `cut` ends its connections."""
+    """Passes connections on to a server's ports, on an address of its own, and stalls after `limit`
+    bytes in either direction, or before a block that holds `mark`: from then on a transfer stands
+    still until `cut` ends its connections."""
 
-    def __init__(self, server, limit):
-        self.target = (server.address, server.port)
+    def __init__(self, server, limit=float("inf"), mark=None, more_ports=()):
+        self.target = server.address
         self.address = free_address()
         self.stalled = threading.Event()
         self._limit = limit
+        self._mark = mark
         self._sockets = []
-        self._listener = socket.create_server((self.address, server.port))
-        self._thread = threading.Thread(target=self._accept, daemon=True)
-        self._thread.start()
+        self._listeners = [socket.create_server((self.address, port))
+                           for port in (server.port, *more_ports)]
+        self._threads = [threading.Thread(target=self._accept, args=(each,), daemon=True)
+                         for each in self._listeners]
+        for each in self._threads:
+            each.start()
 
-    def _accept(self):
+    def _accept(self, listener):
+        port = listener.getsockname()[1]
         with contextlib.suppress(OSError):
             while True:
-                near = self._listener.accept()[0]
-                far = socket.create_connection(self.target)
+                near = listener.accept()[0]
+                far = socket.create_connection((self.target, port))
                 self._sockets += [near, far]
                 for pair in ((near, far), (far, near)):
                     threading.Thread(target=self._pass, args=pair, daemon=True).start()
@@ -252,6 +258,8 @@ class Forwarder:
                 if not block:
                     sink.shutdown(socket.SHUT_WR)
                     return
+                if self._mark is not None and self._mark in block:
+                    break
                 sink.sendall(block)
                 passed += len(block)
             self.stalled.set()
@@ -267,8 +275,9 @@ class Forwarder:
         return self
 
     def __exit__(self, *_):
-        # shutdown wakes the accepting thread; close alone would not.
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-        self._thread.join()
+        for listener, thread in zip(self._listeners, self._threads):
+            # shutdown wakes the accepting thread; close alone would not.
+            listener.shutdown(socket.SHUT_RDWR)
+            listener.close()
+            thread.join()
         self.cut()

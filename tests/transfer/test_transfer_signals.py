@@ -1,12 +1,21 @@
-"""A script that is told to end, ends its client too."""
+"""A script that is told to end, ends its client too; a client that a signal ends has failed."""
 
 import os
+import pathlib
+import re
+import resource
 import signal
 import time
 
 import pytest
-from servers import wait_until
-from transfers import FAILED, alive, family
+from servers import Forwarder, FtpServer, wait_until
+from transfers import FAILED, alive, descendant, family
+
+PROGRAMS = {
+    "ftp": ["tnftp", "timeout"],
+    "scp": ["scp", "ssh", "timeout"],
+    "sftp": ["sftp", "ssh", "timeout"],
+}
 
 
 def end_by(number, client, standstill):
@@ -50,3 +59,55 @@ def test_a_script_that_is_killed_leaves_no_process(client, standstill):
     process.kill()
     process.communicate(timeout=10)
     wait_until(lambda: not any(alive(each) for each in members), what="no process left")
+
+
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM])
+@pytest.mark.parametrize(
+    "protocol, program", [(key, each) for key, programs in PROGRAMS.items() for each in programs]
+)
+def test_a_transfer_whose_client_or_timer_a_signal_ends_has_failed(
+        client, standstill, program, number):
+    local = client.files / "large"
+    if standstill.verb == "get":
+        local.write_bytes(b"old")
+    content = local.read_bytes()
+    process = standstill.start()
+    members = family(process.pid)
+    os.kill(descendant(process.pid, program), number)
+    assert client.finish(process) == FAILED
+    assert local.read_bytes() == content
+    assert list(client.files.iterdir()) == [local]
+    wait_until(lambda: not any(alive(each) for each in members), what="no process left")
+
+
+@pytest.mark.parametrize("verb", ["get", "put"])
+def test_a_client_that_a_signal_ends_after_all_is_transferred_has_failed(client, verb):
+    local = client.files / "file"
+    local.write_bytes(b"old")
+    data = 20000
+    with (
+        FtpServer(pasv_min_port=data, pasv_max_port=data) as server,
+        Forwarder(server, mark=b"QUIT", more_ports=[data]) as forwarder,
+    ):
+        server.store("file", b"content" if verb == "get" else b"")
+        names = ["file", local] if verb == "get" else [local, "file"]
+        process = client.start(
+            client.arguments("ftp", server, verb, *names, address=forwarder.address)
+        )
+        assert forwarder.stalled.wait(timeout=20)
+        os.kill(descendant(process.pid, "tnftp"), signal.SIGKILL)
+        assert client.finish(process) == FAILED
+        assert b"signal" in client.errors
+    assert local.read_bytes() == b"old"
+    assert list(client.files.iterdir()) == [local]
+
+
+@pytest.mark.parametrize("standstill", ["get"], indirect=True)
+def test_a_client_that_crashes_leaves_no_core_file(standstill):
+    process = standstill.start(preexec_fn=lambda: resource.setrlimit(
+        resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY)))
+    for program in PROGRAMS[standstill.protocol]:
+        limits = pathlib.Path(f"/proc/{descendant(process.pid, program)}/limits").read_text()
+        assert re.search(r"Max core file size +0 +0 ", limits)
+    process.terminate()
+    process.communicate()

@@ -115,6 +115,13 @@ def family(pid):
     return members
 
 
+def descendant(pid, name):
+    """Process id of the one descendant of a process that runs a program of this name."""
+    [found] = [each for each, _ in family(pid)
+               if pathlib.Path(f"/proc/{each}/comm").read_text() == f"{name}\n"]
+    return found
+
+
 def alive(member):
     """Whether a process of a family still runs."""
     pid, start = member

@@ -177,8 +177,10 @@ proc keep_received {destination} {
 
 # What `spawn` runs, by the shell: words of octal escapes, as `spawn` would re-encode the bytes of a
 # name. The first is the standard input, the second the file that takes the standard output, the
-# others are the client's command line.
+# others are the client's command line. A client that crashes leaves no core file: it knows the
+# password.
 set launcher {
+    ulimit -c 0
     input=$(printf %b "$0")
     for word do
         shift
@@ -203,7 +205,8 @@ proc octal {word} {
 #   password answer to the first prompt, if that asks for a password; any other prompt means that
 #            the login is refused
 #   on_line  procedure that gets each line of text it writes
-# Returns its exit code.
+# Returns its exit code. One that a signal ended has none, and `wait` says 0 for it: only the words
+# behind that tell. The timer ends by the signal that ended its client.
 proc run_client {limit input output prompt password on_line client} {
     global spawn_id stty_init env launcher
     array unset env *
@@ -232,10 +235,13 @@ proc run_client {limit input output prompt password on_line client} {
             $on_line $expect_out(buffer)
         }
     }
-    lassign [wait] - - failed code
+    lassign [wait] - - failed code signalled
     unset spawn_id
-    if {$failed != 0 || $code == 124} {
-        give_up failed "time limit reached, or the client was ended"
+    if {$failed != 0 || $signalled ne ""} {
+        give_up failed "the client was ended by a signal"
+    }
+    if {$code == 124} {
+        give_up failed "time limit reached"
     }
     return $code
 }
