@@ -72,13 +72,40 @@ def test_a_get_keeps_the_mode_of_the_file_that_it_replaces(client, protocol, ser
     assert stat.S_IMODE(destination.stat().st_mode) == mode
 
 
-def test_a_new_file_has_the_usual_mode(client, protocol, server):
+def test_a_new_file_is_its_owners_alone(client, protocol, server):
     server.store("source", b"new").chmod(0o777)
     process = client.start(
-        client.arguments(protocol, server, "get", "source", client.files / "copy"), umask=0o027
+        client.arguments(protocol, server, "get", "source", client.files / "copy"), umask=0
     )
     assert client.finish(process) == DONE
-    assert stat.S_IMODE((client.files / "copy").stat().st_mode) == 0o640
+    assert stat.S_IMODE((client.files / "copy").stat().st_mode) == 0o600
+
+
+@pytest.mark.parametrize("before, after", [(None, 0o600), (0o644, 0o644)])
+def test_the_old_scp_protocol_gives_a_file_no_mode(client, ssh_server_without_sftp, before, after):
+    destination = client.files / "copy"
+    if before is not None:
+        destination.write_bytes(b"old")
+        destination.chmod(before)
+    # Such a file's mode the client takes over, though nobody asks it to.
+    ssh_server_without_sftp.store("source", b"new").chmod(0o444)
+    process = client.start(client.arguments(
+        "scp", ssh_server_without_sftp, "get", "source", destination), umask=0)
+    assert client.finish(process) == DONE
+    assert stat.S_IMODE(destination.stat().st_mode) == after
+
+
+@pytest.mark.parametrize("standstill", ["get"], indirect=True)
+@pytest.mark.parametrize("replaces", [False, True])
+def test_a_file_that_is_being_received_is_its_owners_alone(client, standstill, replaces):
+    if replaces:
+        (client.files / "large").write_bytes(b"old")
+        (client.files / "large").chmod(0o666)
+    process = standstill.start(umask=0)
+    [temporary] = client.temporaries()
+    assert stat.S_IMODE(temporary.stat().st_mode) == 0o600
+    process.terminate()
+    process.communicate()
 
 
 def test_a_get_replaces_a_link_and_not_what_it_points_to(client, protocol, server):

@@ -130,7 +130,7 @@ proc check_source {path} {
 }
 
 # Creates the file to receive into: beside the destination, so that it can take its place at once,
-# under a name that nobody can know before. Returns its name.
+# under a name that nobody can know before, and for nobody else to read. Returns its name.
 proc begin_receiving {destination} {
     global temporary
     if {[string index $destination end] eq "/"} {
@@ -152,7 +152,7 @@ proc begin_receiving {destination} {
     set name [file dirname $destination]/.transfer-$suffix
     try {
         set temporary $name
-        close [open $name {WRONLY CREAT EXCL} [expr {[info exists status(mode)] ? 0600 : 0666}]]
+        close [open $name {WRONLY CREAT EXCL} 0600]
     } trap {POSIX ENOSPC} {} {
         give_up noSpace "no space for the destination"
     } trap {POSIX EDQUOT} {} {
@@ -163,12 +163,15 @@ proc begin_receiving {destination} {
     return $name
 }
 
-# Gives the received file its name, and the mode of the file that it replaces.
+# Gives the received file its name, and the mode of the file that it replaces. A new one stays its
+# owner's, whatever mode an old server has given it.
 proc keep_received {destination} {
     global temporary
+    set mode 0600
     if {[catch {file lstat $destination status}] == 0 && $status(type) eq "file"} {
-        file attributes $temporary -permissions [expr {$status(mode) & 0777}]
+        set mode [expr {$status(mode) & 0777}]
     }
+    file attributes $temporary -permissions $mode
     file rename -force -- $temporary $destination
     set temporary ""
 }
@@ -180,6 +183,7 @@ proc keep_received {destination} {
 # others are the client's command line. A client that crashes leaves no core file: it knows the
 # password.
 set launcher {
+    umask 077
     ulimit -c 0
     input=$(printf %b "$0")
     for word do
