@@ -27,6 +27,12 @@ def ssh_server_without_sftp():
 
 
 @pytest.fixture(scope="session")
+def cutting_ssh_server():
+    with SshServer(cutting=True) as server:
+        yield server
+
+
+@pytest.fixture(scope="session")
 def awkward_servers():
     account = Account(password=AWKWARD)
     with FtpServer(account) as ftp, SshServer(account) as ssh:

@@ -179,15 +179,16 @@ class FtpServer(Server):
 
 
 class SshServer(Server):
-    """sshd. `sftp` off leaves the SFTP subsystem out; `interactive` asks for the password by
-    keyboard-interactive authentication only."""
+    """sshd. `sftp` off leaves the SFTP subsystem out; `cutting` puts cutting_sftp.py before it;
+    `interactive` asks for the password by keyboard-interactive authentication only."""
 
     port = 22
     pam_service = "sshd"
 
-    def __init__(self, account=None, address=None, sftp=True, interactive=False):
+    def __init__(self, account=None, address=None, sftp=True, cutting=False, interactive=False):
         super().__init__(account, address)
         self.sftp = sftp
+        self.cutting = cutting
         self.interactive = interactive
         self.new_host_key()
 
@@ -214,7 +215,11 @@ class SshServer(Server):
             "UseDNS no",
             "PrintMotd no",
         ]
-        if self.sftp:
+        if self.cutting:
+            # The account may not be able to read the original.
+            shutil.copy(pathlib.Path(__file__).with_name("cutting_sftp.py"), self.directory)
+            lines.append(f"Subsystem sftp /usr/bin/python3 {self.directory}/cutting_sftp.py")
+        elif self.sftp:
             lines.append("Subsystem sftp /usr/lib/openssh/sftp-server")
         config = self.directory / "sshd_config"
         config.write_text("\n".join(lines) + "\n")

@@ -1,9 +1,11 @@
 """What is transferred arrives whole, and takes its place at once."""
 
 import os
+import shutil
 import stat
 
 import pytest
+from servers import UID
 from transfers import DONE, FAILED, NO_SOURCE, digest
 
 SIZES = [0, 1, 511, 512, 513, 1 << 20, 64 << 20]
@@ -106,6 +108,32 @@ def test_a_file_that_is_being_received_is_its_owners_alone(client, standstill, r
     assert stat.S_IMODE(temporary.stat().st_mode) == 0o600
     process.terminate()
     process.communicate()
+
+
+@pytest.mark.parametrize("verb", ["get", "put"])
+def test_a_link_at_the_server_is_followed(client, protocol, server, verb):
+    """The link itself is larger than the file."""
+    server.store("a" * 100, b"content" if verb == "get" else b"")
+    (server.home / "link").unlink(missing_ok=True)
+    (server.home / "link").symlink_to("a" * 100)
+    (client.files / "local").write_bytes(b"content")
+    if verb == "get":
+        assert client.get(protocol, server, "link", client.files / "local") == DONE
+    else:
+        assert client.put(protocol, server, client.files / "local", "link") == DONE
+    assert (server.home / ("a" * 100)).read_bytes() == b"content"
+
+
+@pytest.mark.parametrize("protocol", ["scp", "sftp"])
+def test_a_file_can_be_put_into_a_directory(client, protocol, server):
+    """Where it stands among smaller files."""
+    for name in ("into", "into/.deeper"):
+        (server.home / name).mkdir(exist_ok=True)
+        shutil.chown(server.home / name, UID, UID)
+    server.store("into/smaller", b"")
+    (client.files / "source").write_bytes(b"content")
+    assert client.put(protocol, server, client.files / "source", "into") == DONE
+    assert (server.home / "into/source").read_bytes() == b"content"
 
 
 def test_a_get_replaces_a_link_and_not_what_it_points_to(client, protocol, server):

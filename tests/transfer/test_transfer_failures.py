@@ -2,6 +2,7 @@
 
 import os
 import socket
+import stat
 import subprocess
 import time
 
@@ -38,6 +39,23 @@ def test_a_missing_remote_file_is_no_source(client, protocol, server):
 
 def test_a_missing_local_file_is_no_source(client, protocol, server):
     assert client.put(protocol, server, client.files / "missing", "copy") == NO_SOURCE
+
+
+@pytest.mark.parametrize(
+    "make",
+    [
+        os.mkdir,
+        os.mkfifo,
+        lambda path: os.mknod(path, stat.S_IFSOCK),
+        lambda path: os.mknod(path, stat.S_IFCHR, os.makedev(1, 5)),  # /dev/zero
+        lambda path: os.symlink("/dev/zero", path),
+    ],
+    ids=["directory", "fifo", "socket", "device", "link to a device"],
+)
+def test_a_source_that_is_no_regular_file_fails(client, protocol, server, make):
+    make(client.files / "source")
+    assert client.put(protocol, server, client.files / "source", "never", limit=5) == FAILED
+    assert not (server.home / "never").exists()
 
 
 def test_a_remote_directory_is_no_file(client, protocol, server):
@@ -137,6 +155,34 @@ def test_a_server_that_stops_in_the_middle_fails(client, standstill):
     assert client.finish(process) == FAILED
     assert client.temporaries() == []
     assert (client.files / "large").exists() == (standstill.verb == "put")
+
+
+def test_a_file_that_the_server_cuts_off_fails_a_get(client, cutting_ssh_server):
+    destination = client.files / "copy"
+    destination.write_bytes(b"old")
+    source = cutting_ssh_server.store("source", bytes(1 << 20))
+    for modified in (time.time(), 0):
+        os.utime(source, (modified, modified))
+        assert client.get("sftp", cutting_ssh_server, "source", destination) == FAILED
+        assert destination.read_bytes() == b"old"
+        assert client.temporaries() == []
+
+
+# Of all names the one that is hardest to ask the size of.
+@pytest.mark.parametrize("name", ["copy", "-{a,b} \\{*}?[a-z]\\\\'\"~ naïve"])
+@pytest.mark.parametrize("by_link", [False, True])
+def test_a_file_that_the_server_cuts_off_fails_a_put(client, cutting_ssh_server, source, name,
+                                                     by_link):
+    server = cutting_ssh_server
+    source.write_bytes(bytes(1 << 20))
+    remote = server.home / name
+    remote.unlink(missing_ok=True)
+    if by_link:
+        remote.symlink_to("target")
+    assert client.put("sftp", server, source, name.encode()) == FAILED
+    assert 0 < remote.stat().st_size < 1 << 20
+    source.write_bytes(b"content")
+    assert client.put("sftp", server, source, name.encode()) == DONE
 
 
 @pytest.mark.parametrize("standstill", ["get"], indirect=True)

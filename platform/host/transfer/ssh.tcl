@@ -39,14 +39,15 @@ proc prepare_known_hosts {} {
     }
 }
 
-# Runs scp or sftp. Returns what `ssh_cause` makes of a failure; nothing after a success.
-proc run_ssh_client {limit input server user password verb client} {
+# Runs scp or sftp. Returns what `ssh_cause` makes of a failure; nothing after a success. What the
+# client writes to a terminal as its standard output is among its lines.
+proc run_ssh_client {limit input output server user password verb client} {
     global sshLines
     set sshLines {}
     # By keyboard-interactive authentication, a server can ask for anything.
     set address [regsub -all {[^0-9A-Za-z]} "($user@$server) " {\\&}]
     set prompt "^(?:$address\[^\\r\\n]+|\[^\\r\\n]*assword: ?)\$"
-    if {[run_client $limit $input /dev/null $prompt $password note_ssh_line $client] == 0} {
+    if {[run_client $limit $input $output $prompt $password note_ssh_line $client] == 0} {
         return {}
     }
     return [ssh_cause $sshLines $verb]

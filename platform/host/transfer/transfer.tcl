@@ -163,6 +163,14 @@ proc begin_receiving {destination} {
     return $name
 }
 
+# Refuses a file that was cut off. One that grew meanwhile is whole. A size that the server does not
+# tell is empty.
+proc check_complete {expected arrived} {
+    if {$expected ne "" && $arrived ne "" && $arrived < $expected} {
+        give_up failed "the file arrived incomplete"
+    }
+}
+
 # Gives the received file its name, and the mode of the file that it replaces. A new one stays its
 # owner's, whatever mode an old server has given it.
 proc keep_received {destination} {
