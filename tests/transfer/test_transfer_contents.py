@@ -1,12 +1,13 @@
 """What is transferred arrives whole, and takes its place at once."""
 
 import os
+import pathlib
 import shutil
 import stat
 
 import pytest
 from servers import UID
-from transfers import DONE, FAILED, NO_SOURCE, digest
+from transfers import DONE, FAILED, NO_SOURCE, PROGRAMS, descendant, digest
 
 SIZES = [0, 1, 511, 512, 513, 1 << 20, 64 << 20]
 
@@ -106,6 +107,16 @@ def test_a_file_that_is_being_received_is_its_owners_alone(client, standstill, r
     process = standstill.start(umask=0)
     [temporary] = client.temporaries()
     assert stat.S_IMODE(temporary.stat().st_mode) == 0o600
+    process.terminate()
+    process.communicate()
+
+
+@pytest.mark.parametrize("standstill", ["get"], indirect=True)
+def test_a_client_opens_no_file_to_others(standstill):
+    process = standstill.start(umask=0)
+    for program in PROGRAMS[standstill.protocol]:
+        status = pathlib.Path(f"/proc/{descendant(process.pid, program)}/status").read_text()
+        assert "Umask:\t0077\n" in status
     process.terminate()
     process.communicate()
 

@@ -9,13 +9,7 @@ import time
 
 import pytest
 from servers import Forwarder, FtpServer, wait_until
-from transfers import FAILED, alive, descendant, family
-
-PROGRAMS = {
-    "ftp": ["tnftp", "timeout"],
-    "scp": ["scp", "ssh", "timeout"],
-    "sftp": ["sftp", "ssh", "timeout"],
-}
+from transfers import FAILED, PROGRAMS, alive, descendant, family
 
 
 def end_by(number, client, standstill):

@@ -37,6 +37,13 @@ def sftp(server, account, password, verb, source, destination, limit):
 
 ARGUMENTS = {"ftp": ftp, "scp": scp, "sftp": sftp}
 
+# What each script runs in the end: the clients and the timer of one transfer.
+PROGRAMS = {
+    "ftp": ["tnftp", "timeout"],
+    "scp": ["scp", "ssh", "timeout"],
+    "sftp": ["sftp", "ssh", "timeout"],
+}
+
 
 class Client:
     """The device's end: runs scripts with a run directory and a directory for files of its own."""

@@ -188,8 +188,8 @@ proc keep_received {destination} {
 
 # What `spawn` runs, by the shell: words of octal escapes, as `spawn` would re-encode the bytes of a
 # name. The first is the standard input, the second the file that takes the standard output, the
-# others are the client's command line. A client that crashes leaves no core file: it knows the
-# password.
+# others are the client's command line. What mode an old server names for a file, the client may give
+# it: for its owner at most. A client that crashes leaves no core file: it knows the password.
 set launcher {
     umask 077
     ulimit -c 0
