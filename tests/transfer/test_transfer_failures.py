@@ -8,7 +8,18 @@ import time
 
 import pytest
 from servers import FtpServer, SshServer, free_address, wait_until
-from transfers import BUSY, DONE, FAILED, NO_SOURCE, NO_SPACE, REFUSED, SCRIPTS, alive, family
+from transfers import (
+    BUSY,
+    DONE,
+    FAILED,
+    NO_SOURCE,
+    NO_SPACE,
+    PROGRAMS,
+    REFUSED,
+    SCRIPTS,
+    alive,
+    family,
+)
 
 
 @pytest.fixture
@@ -194,6 +205,32 @@ def test_a_transfer_ends_at_its_time_limit(client, standstill):
     assert time.monotonic() - began < 5
     assert not any(alive(each) for each in members)
     assert client.temporaries() == []
+
+
+# Starts a program where /usr/bin, which is seen in $1, lacks the program $2.
+WITHOUT = """
+set -e
+mount --bind /usr/bin "$1"
+mount -t tmpfs none /usr/bin
+"$1/ln" -s "$1"/* /usr/bin
+"$1/rm" "/usr/bin/$2"
+shift 2
+exec "$@"
+"""
+
+
+@pytest.mark.parametrize("verb", ["get", "put"])
+def test_a_client_that_is_not_installed_fails(client, tmp_path, protocol, server, verb):
+    server.store("source", b"new")
+    (client.files / "source").write_bytes(b"old")
+    arguments = client.arguments(
+        protocol, server, verb, *("source", client.files / "source")[:: 1 if verb == "get" else -1]
+    )
+    (tmp_path / "bin").mkdir()
+    place = ["unshare", "--mount", "sh", "-c", WITHOUT, "sh", tmp_path / "bin"]
+    assert client.finish(client.start([*place, PROGRAMS[protocol][0], *arguments])) == FAILED
+    assert (client.files / "source").read_bytes() == b"old"
+    assert (server.home / "source").read_bytes() == b"new"
 
 
 @pytest.mark.parametrize(

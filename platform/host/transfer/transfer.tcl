@@ -255,6 +255,10 @@ proc run_client {limit input output prompt password on_line client} {
     if {$code == 124} {
         give_up failed "time limit reached"
     }
+    # The codes of the timer itself, whose messages are not the client's.
+    if {$code in {125 126 127}} {
+        give_up failed "the client cannot be run"
+    }
     return $code
 }
 
