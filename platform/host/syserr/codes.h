@@ -21,6 +21,7 @@ enum Code : int32_t {
     uri_no_memory = 0x4A010009,
     uri_no_core_files = 0x4A01000A,
     uri_not_a_file = 0x4A01000B,
+    uri_foreign_character = 0x4A01000C,
 
     // The log dump.
     log_bad_request = 0x4A020001,

@@ -74,6 +74,9 @@ constexpr Text texts[] = {
     {ruma::uri_no_memory, "out of memory", "There is not enough memory to look up the file."},
     {ruma::uri_no_core_files, "no core files", "This device is not configured to keep core files."},
     {ruma::uri_not_a_file, "not a regular file", "The name is not that of a regular file."},
+    {ruma::uri_foreign_character, "foreign character in the path",
+     "The local path of the file holds a character that neither its name nor the configuration "
+     "does."},
     {ruma::log_bad_request, "bad log request", "The request for a log dump is not understood."},
     {ruma::log_not_found, "no system log", "The system log does not exist."},
     {ruma::log_not_a_file, "system log not a file", "The system log is not a regular file."},

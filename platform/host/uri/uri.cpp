@@ -10,14 +10,20 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
 constexpr std::string_view core_scheme = "core";
 
-// File types other than a directory's.
-enum { type_regular = 1, type_other = 2 };
+// The file type of anything but a directory.
+constexpr int32_t type_regular = 1;
+
+// What a local path may hold whoever named it: nothing that means something to a shell.
+constexpr std::string_view harmless = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                      "0123456789._+,=@%/-";
 
 struct Uri {
     std::string_view scheme;
@@ -37,6 +43,24 @@ int32_t parse(const char *text, Uri *uri) {
     return ruma::success;
 }
 
+// Looks up the path of a URI below `directory`. Links are followed, so the local path can hold what
+// nobody wrote who may ask for it: names that somebody gave to directories.
+int32_t look_up(const std::string &directory, const char *text, const Uri &uri,
+                ruma::Confined *result) {
+    ruma::Confined found;
+    const int32_t code = ruma::confine(directory, uri.path, &found);
+    if (code != ruma::success)
+        return code;
+    const std::string known = std::string(harmless) + text + directory;
+    if (found.path.find_first_not_of(known) != std::string::npos)
+        return ruma::uri_foreign_character;
+    // A FIFO would hold up whoever opens it, a device has no end.
+    if (found.status && !S_ISREG(found.status->st_mode) && !S_ISDIR(found.status->st_mode))
+        return ruma::uri_not_a_file;
+    *result = std::move(found);
+    return ruma::success;
+}
+
 int32_t resolve(const char *text, ruma::Confined *result) {
     Uri uri;
     const int32_t code = parse(text, &uri);
@@ -44,7 +68,7 @@ int32_t resolve(const char *text, ruma::Confined *result) {
         return code;
     for (const ruma::FileSystem &file_system : ruma::config().file_systems) {
         if (file_system.scheme == uri.scheme)
-            return ruma::confine(file_system.directory, uri.path, result);
+            return look_up(file_system.directory, text, uri, result);
     }
     return ruma::uri_unknown_scheme;
 }
@@ -58,7 +82,7 @@ int32_t resolve_core(const char *text, ruma::Confined *result) {
         return ruma::uri_unknown_scheme;
     if (ruma::config().core_directory.empty())
         return ruma::uri_no_core_files;
-    code = ruma::confine(ruma::config().core_directory, uri.path, result);
+    code = look_up(ruma::config().core_directory, text, uri, result);
     if (code != ruma::success)
         return code;
     if (!result->status)
@@ -101,9 +125,7 @@ int32_t uriutil_stat_get(const char *uri, uriutil_stat *stat, int) {
         if (!found.status)
             return ruma::uri_not_found;
         const mode_t mode = found.status->st_mode;
-        stat->file_type = S_ISDIR(mode)   ? int32_t{URIUTIL_TYPE_DIRECTORY}
-                          : S_ISREG(mode) ? int32_t{type_regular}
-                                          : int32_t{type_other};
+        stat->file_type = S_ISDIR(mode) ? int32_t{URIUTIL_TYPE_DIRECTORY} : type_regular;
         stat->mode = mode & 07777;
         stat->size = static_cast<uint64_t>(found.status->st_size);
         stat->modified = static_cast<int64_t>(found.status->st_mtim.tv_sec);
