@@ -18,7 +18,6 @@ const int32_t host_codes[] = {
     ruma::uri_not_a_file,        ruma::uri_no_core_files, ruma::log_bad_request,
     ruma::uri_foreign_character, ruma::log_not_found,     ruma::log_not_a_file,
     ruma::log_unreadable,        ruma::log_output_failed, ruma::log_no_space,
-    ruma::log_too_large,
 };
 
 const int32_t module_codes[] = {0x40490001, 0x40490002, 0x4049001C, 0x4049001D,

@@ -5,7 +5,10 @@
 #include "temporary_directory.h"
 
 #include <csignal>
+#include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -156,10 +159,59 @@ TEST_F(SyslogTest, ALogOf64MiBIsWrittenOut) {
     EXPECT_EQ(fs::file_size(output), 64U << 20);
 }
 
-TEST_F(SyslogTest, ALargerLogIsRefused) {
-    write_file(log, "x");
-    fs::resize_file(log, (64 << 20) + 1);
-    expect_refused(ruma::log_too_large);
+// A log of `size` bytes that is all zeros but for these texts at their places.
+void write_log(const std::string &path, uint64_t size,
+               const std::map<uint64_t, std::string> &texts) {
+    write_file(path, "");
+    fs::resize_file(path, size);
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    for (const auto &[place, text] : texts) {
+        file.seekp(static_cast<std::streamoff>(place));
+        file << text;
+    }
+}
+
+constexpr uint64_t limit = 64 << 20;
+
+TEST_F(SyslogTest, OfALargerLogTheWholeLinesAtItsEndAreWrittenOut) {
+    constexpr uint64_t extra = 1000;
+    // The line that the limit cuts begins before it and ends well behind the first block read.
+    write_log(log, limit + extra,
+              {{extra - 10, "\nold"}, {extra + 100000, "\nnew"}, {limit + extra - 6, "\nlast\n"}});
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(fs::file_size(output), limit - 100001);
+    const std::string dumped = read_file(output);
+    EXPECT_TRUE(dumped.starts_with("new")) << dumped.substr(0, 10);
+    EXPECT_TRUE(dumped.ends_with("\nlast\n"));
+}
+
+TEST_F(SyslogTest, ALineThatBeginsExactlyAtTheLimitIsKept) {
+    write_log(log, limit + 1000, {{999, "\nfirst\nsecond"}});
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(fs::file_size(output), limit);
+    EXPECT_TRUE(read_file(output).starts_with("first\nsecond"));
+}
+
+TEST_F(SyslogTest, ALineThatBeginsOneByteBeforeTheLimitIsLeftOut) {
+    write_log(log, limit + 1000, {{998, "\nfirst\nsecond"}});
+    EXPECT_EQ(dump(), 0);
+    EXPECT_TRUE(read_file(output).starts_with("second"));
+}
+
+TEST_F(SyslogTest, ALogOneByteAboveTheLimitLosesItsFirstLine) {
+    write_log(log, limit + 1, {{0, "1\n2\n"}});
+    EXPECT_EQ(dump(), 0);
+    EXPECT_EQ(fs::file_size(output), limit - 1);
+    EXPECT_TRUE(read_file(output).starts_with("2\n"));
+}
+
+TEST_F(SyslogTest, ALineAboveTheLimitIsCut) {
+    for (const char *end : {"end", "end\n"}) {
+        write_log(log, limit + 1000, {{limit + 1000 - std::strlen(end), end}});
+        EXPECT_EQ(dump(), 0);
+        EXPECT_EQ(fs::file_size(output), limit);
+        EXPECT_TRUE(read_file(output).ends_with(end));
+    }
 }
 
 TEST_F(SyslogTest, ARequestOfAnotherKindIsRefused) {

@@ -30,7 +30,6 @@ enum Code : int32_t {
     log_unreadable = 0x4A020004,
     log_output_failed = 0x4A020005,
     log_no_space = 0x4A020006,
-    log_too_large = 0x4A020007,
 };
 
 } // namespace ruma

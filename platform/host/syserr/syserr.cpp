@@ -84,7 +84,6 @@ constexpr Text texts[] = {
     {ruma::log_output_failed, "log not written",
      "The log dump could not be written to its output file."},
     {ruma::log_no_space, "no space for the log", "There is not enough space for the log dump."},
-    {ruma::log_too_large, "system log too large", "The system log is too large for a log dump."},
 };
 
 static_assert(std::all_of(std::begin(texts), std::end(texts), [](const Text &text) {

@@ -1,4 +1,5 @@
-// The log dump: a copy of the log file beside the output, moved into its place when it is whole.
+// The log dump: a copy of the log file, or of the end of a large one, beside the output and moved
+// into its place when it is whole.
 #include "ruma/syslog.h"
 
 #include "syserr/codes.h"
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace {
 
-constexpr off_t max_size = 64 << 20; // bytes
+constexpr off_t max_size = 64 << 20; // bytes of a dump
 
 // A file that disappears unless it was moved elsewhere.
 class TemporaryFile {
@@ -58,6 +60,31 @@ bool write_all(int fd, const char *data, size_t length) {
         length -= static_cast<size_t>(written);
     }
     return true;
+}
+
+// Where the newest max_size bytes of a larger log begin: at the beginning of a line, but for a line
+// longer than that. Negative when the log cannot be read.
+off_t beginning_of_end(int log, off_t size) {
+    std::array<char, 65536> buffer;
+    const off_t earliest = size - max_size;
+    // A line that begins there is whole when the byte before ends another. The last byte ends the
+    // last line and begins none.
+    for (off_t at = earliest - 1; at < size - 1;) {
+        const size_t wanted =
+            static_cast<size_t>(std::min(size - 1 - at, static_cast<off_t>(buffer.size())));
+        const ssize_t got = ::pread(log, buffer.data(), wanted, at);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return -1;
+        if (got == 0) // cut short meanwhile
+            break;
+        const void *newline = std::memchr(buffer.data(), '\n', static_cast<size_t>(got));
+        if (newline != nullptr)
+            return at + (static_cast<const char *>(newline) - buffer.data()) + 1;
+        at += got;
+    }
+    return earliest;
 }
 
 // Copies at most `length` bytes: a log that grows meanwhile does not keep the caller.
@@ -101,15 +128,19 @@ int32_t dump(const char *log, const char *output) {
         return ruma::log_unreadable;
     if (!S_ISREG(status.st_mode))
         return ruma::log_not_a_file;
-    if (status.st_size > max_size)
-        return ruma::log_too_large;
+    off_t begin = 0;
+    if (status.st_size > max_size) {
+        begin = beginning_of_end(from.get(), status.st_size);
+        if (begin < 0 || ::lseek(from.get(), begin, SEEK_SET) < 0)
+            return ruma::log_unreadable;
+    }
 
     std::string name = std::string(output) + ".XXXXXX";
     ruma::UniqueFd to(::mkostemp(name.data(), O_CLOEXEC)); // exclusive, mode 0600
     if (!to)
         return output_error(errno);
     TemporaryFile temporary(name);
-    const int32_t result = copy(from.get(), to.get(), status.st_size);
+    const int32_t result = copy(from.get(), to.get(), status.st_size - begin);
     if (result != ruma::success)
         return result;
     if (to.close() != 0 || !temporary.move_to(output))

@@ -20,9 +20,9 @@ struct syslog_dump_request {
 };
 
 /* Writes the log file `log` out into the file `output`, which is replaced as a whole. `first`,
- * `last` and `flags` are 0: all of it. Returns 0, or a platform error code and leaves `output` as
- * it was. Blocks for the time of the copy, which a limit on the log's size bounds; a larger log is
- * refused (the host platform: more than 64 MiB). */
+ * `last` and `flags` are 0: all of it, but of a log above the platform's limit (the host platform:
+ * 64 MiB) only the end, as many whole lines as the limit holds. Returns 0, or a platform error code
+ * and leaves `output` as it was. Blocks for the time of the copy, which the limit bounds. */
 int32_t syslog_disp_logfile(const struct syslog_dump_request *request, const char *log,
                             const char *output, int first, int last, int flags);
 
