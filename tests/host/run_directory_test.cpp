@@ -102,6 +102,20 @@ TEST_F(RunDirectoryTest, OfAnotherUserIsRefused) {
     EXPECT_EQ(complaint(path, nobody), path + " belongs to another user");
 }
 
+TEST_F(RunDirectoryTest, ThatItsGroupOrOthersCanWriteIsRefused) {
+    ASSERT_EQ(complaint(path), "");
+    for (const unsigned mode : {0775U, 0757U, 0777U, 01777U, 0720U, 0702U}) {
+        fs::permissions(path, fs::perms(mode));
+        EXPECT_EQ(complaint(path, nobody), path + " can be written by others than its owner")
+            << std::oct << mode;
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms(mode)) << "left as it is";
+    }
+    for (const unsigned mode : {0755U, 0711U, 0700U}) {
+        fs::permissions(path, fs::perms(mode));
+        EXPECT_EQ(complaint(path, nobody), "") << std::oct << mode;
+    }
+}
+
 TEST_F(RunDirectoryTest, ThatIsALinkIsRefusedWithASlashAtItsEndToo) {
     fs::create_directory(directory / "elsewhere");
     fs::create_symlink("elsewhere", path);

@@ -46,6 +46,9 @@ void prepare_run_dir(const std::string &path, std::optional<uid_t> agent_user) {
         throw std::runtime_error(name + " is not a directory");
     if (!is_trusted(status.st_uid, agent_user))
         throw std::runtime_error(name + " belongs to another user");
+    // With an access list the group's bits are its mask: they tell of further users too.
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        throw std::runtime_error(name + " can be written by others than its owner");
     if (made && agent_user && geteuid() == 0 &&
         fchownat(directory.get(), "", *agent_user, static_cast<gid_t>(-1), AT_EMPTY_PATH) != 0)
         fail(name);

@@ -14,7 +14,7 @@ namespace ruma {
 //
 // Throws std::runtime_error with the reason when that fails or when what is there is not to be
 // trusted: a link, no directory, or a directory that belongs to somebody else than root, this
-// process's user and `agent_user`.
+// process's user and `agent_user`, or that its group or others can write.
 void prepare_run_dir(const std::string &path, std::optional<uid_t> agent_user);
 
 } // namespace ruma
