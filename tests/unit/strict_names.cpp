@@ -1,7 +1,7 @@
-// What the strict build refuses. A program of its own: the other tests link the standard build.
-#define ORVEX_FLASH_STRICT
+// The strict build's judgement of names, paths and indexes.
 #include "flash_strict.h"
 
+#include <cctype>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -26,6 +26,23 @@ TEST(Strict, EachControlCharacterIsRefused) {
     for (char character = 0; character < ' '; character++)
         EXPECT_TRUE(refused(std::string("name") + character)) << static_cast<int>(character);
     EXPECT_TRUE(refused("name\x7F"));
+}
+
+TEST(Strict, APathOfLettersDigitsAndHarmlessMarksIsAccepted) {
+    for (const char *path : {"/flash/dir/image-1.0_b.bin", "/a+b,c=d@e%f/Z", "image", "/", ""})
+        EXPECT_FALSE(flash::strict_refuses_path(path)) << path;
+}
+
+TEST(Strict, APathWithAnyOtherCharacterIsRefused) {
+    const std::string accepted = "._+,=@%/-";
+    for (int code = 1; code < 256; code++) {
+        const std::string character(1, static_cast<char>(code));
+        const bool harmless =
+            (code < 0x80 && std::isalnum(code)) || accepted.find(character) != accepted.npos;
+        EXPECT_EQ(flash::strict_refuses_path(("/dir" + character + "x/file").c_str()), !harmless)
+            << code;
+        EXPECT_EQ(flash::strict_refuses_path(("/dir/file" + character).c_str()), !harmless) << code;
+    }
 }
 
 TEST(Strict, RowIndexesAbove2147483647AreRefused) {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <ostream>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -508,6 +509,23 @@ TEST_F(TftpPutTest, WithoutADestinationNameTheSourceFileIsCopiedByTheShell) {
     EXPECT_THAT(fakes::calls("system"), ElementsAre("system command=cp " + source_ + " ."));
     EXPECT_THAT(fakes::calls("tftp_put"), ElementsAre("tftp_put file=image.bin flags=0"));
     EXPECT_TRUE(fs::is_empty(fs::current_path()));
+}
+
+TEST_F(TftpPutTest, ANewCopyIsForItsOwnerAloneBothWays) {
+    ASSERT_EQ(::chmod(source_.c_str(), 0666), 0);
+    os().system.passes_through();
+    fs::perms staged = fs::perms::none;
+    platform().tftp_put.does([&](const char *file, int) {
+        staged = fs::status(file).permissions();
+        return 0;
+    });
+    for (const char *name : {"backup.bin", ""}) {
+        flashCopyEntry row = put_request(name);
+        const mode_t mask = umask(0);
+        EXPECT_EQ(transfer(put_direction, row), flash::success);
+        EXPECT_EQ(umask(mask), 0U) << "the umask is as it was";
+        EXPECT_EQ(staged, fs::perms(0600)) << name;
+    }
 }
 
 TEST_F(TftpPutTest, TheShellsCopyIsLeftAfterAFailure) {

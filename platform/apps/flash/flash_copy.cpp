@@ -163,10 +163,12 @@ int32_t tftp_fetch(flashCopyEntry *entry) {
 
 // Copies a file byte by byte. Returns 0, or -1 when it cannot be opened or written.
 int copy_file(const char *from, const char *to) {
+    // The strict build makes a new file: it replaces none and follows no link.
+    constexpr const char *mode = strict ? "wxe" : "we";
     std::FILE *in = std::fopen(from, "re");
     if (in == nullptr)
         return -1;
-    std::FILE *out = std::fopen(to, "we");
+    std::FILE *out = std::fopen(to, mode);
     if (out == nullptr)
         return -1; // the source stays open, deliberately: the worker is about to end
     for (int byte = std::getc(in); byte != EOF; byte = std::getc(in))
@@ -177,18 +179,31 @@ int copy_file(const char *from, const char *to) {
     return std::fclose(out) == 0 && !unread && !unwritten ? 0 : -1;
 }
 
-// Puts the file to send into the working directory, under the name that it is to have on the
-// server: the client sends a file under its own name.
-int stage(const flashCopyEntry *entry) {
-    if (entry->destinationName[0] != '\0') {
-        if (strict_refuses_staging(entry->destinationName))
+// Copies a file into the working directory under its own name.
+int stage_by_own_name(const char *path) {
+    if constexpr (strict) {
+        if (strict_refuses_path(path))
             return -1;
-        return copy_file(entry->sourcePath, entry->destinationName);
+        const char *name = last_component(path);
+        return name == nullptr ? 0 : copy_file(path, name); // without a name nothing is sent
     }
-    char command[sizeof entry->sourcePath + sizeof "cp  ."];
-    std::snprintf(command, sizeof command, "cp %s .", entry->sourcePath);
+    char command[sizeof flashCopyEntry::sourcePath + sizeof "cp  ."];
+    std::snprintf(command, sizeof command, "cp %s .", path);
     // A cp that fails goes unnoticed, deliberately: what stands under the name then is sent.
     return std::system(command) < 0 ? -1 : 0;
+}
+
+// Puts the file to send into the working directory, under the name that it is to have on the
+// server: the client sends a file under its own name. A new file is for the agent's user alone.
+int stage(const flashCopyEntry *entry) {
+    if (strict_refuses_staging(entry->destinationName))
+        return -1;
+    const mode_t mask = umask(077);
+    const int result = entry->destinationName[0] == '\0'
+                           ? stage_by_own_name(entry->sourcePath)
+                           : copy_file(entry->sourcePath, entry->destinationName);
+    umask(mask);
+    return result;
 }
 
 int32_t tftp_send(flashCopyEntry *entry) {
@@ -391,6 +406,9 @@ int32_t transfer_by_script(const Script &script, int32_t direction, const char *
 
     if (script.beginning != nullptr)
         flash_trace(traceDebug, script.beginning, transferName);
+    if (strict_refuses_path(direction == directionFromFlash ? entry->sourcePath
+                                                            : entry->destinationPath))
+        return fail(entry, STATUS_FILE_TRANSFERERR);
     if (direction == directionFromFlash) {
         fields.source = entry->sourcePath;
         fields.destination = remote_name(entry);

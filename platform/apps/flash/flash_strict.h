@@ -26,6 +26,13 @@ inline bool strict_refuses_name(const u_char *bytes, std::size_t length) {
     return false;
 }
 
+// Whether a resolved local path is refused: one with anything but what no shell and no script gives
+// a meaning to. A directory may be called what no name may be.
+inline bool strict_refuses_path(const char *path) {
+    return strict && path[std::strspn(path, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                            "0123456789._+,=@%/-")] != '\0';
+}
+
 // Whether a row index is refused: one above 2^31 - 1, which many managers cannot handle.
 inline bool strict_refuses_index(int32_t index) { return strict && index < 0; }
 
