@@ -5,6 +5,7 @@
 // modules, but this one is never unmapped, and callbacks, alarms and read descriptors outlive the
 // reload: a message that arrives meanwhile waits in the socket.
 #include "agent/copy_status.h"
+#include "agent/flash_directories.h"
 #include "agent/request.h"
 #include "cmi/peer.h"
 #include "config/config.h"
@@ -150,6 +151,7 @@ void init_ruma_agent() {
     // Reads the configuration while the agent still has the rights that it starts with, and makes
     // the run directory before the modules that come later open the event history in it.
     start_receiving(0, nullptr);
+    ruma::warn_of_writable_directories();
 }
 
 void deinit_ruma_agent() {}
