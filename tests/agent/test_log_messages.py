@@ -67,6 +67,24 @@ def test_every_copy_dumps_the_system_log_anew(log_host, remote):
     (remote.home / "sent.log").unlink()
 
 
+@pytest.mark.parametrize("remote", ["ftp"], indirect=True)
+def test_of_a_system_log_above_the_limit_the_newest_lines_are_sent(log_host, remote):
+    limit = 64 << 20
+    with open(log_host.system_log, "wb") as log:
+        log.write(b"oldest line\nold line\n")
+        log.truncate(limit + 15)
+        log.seek(-12, 2)
+        log.write(b"\nnewest line\n")
+    assert send(log_host, remote, "log:messages", "sent.log") == SUCCESS
+    size = (remote.home / "sent.log").stat().st_size
+    assert size == log_host.system_log.stat().st_size - len(b"oldest line\nold line\n")
+    with open(remote.home / "sent.log", "rb") as sent:
+        assert sent.read(1) == b"\0"
+        sent.seek(-12, 2)
+        assert sent.read() == b"newest line\n"
+    (remote.home / "sent.log").unlink()
+
+
 def test_missing_system_log_is_an_invalid_source_name(host):
     host.create_copy(1, command=FROM_FLASH, source="log:messages", destination="sent.log")
     assert host.activate(1) == ber.GEN_ERR
