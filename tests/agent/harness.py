@@ -230,10 +230,11 @@ class Host:
         self.run_dir = self.directory / "run"
         self.work_dir = self.directory / "work"
         self.server_dir = self.directory / "server"
+        # Whatever the umask, nobody but the owner may write them.
         for directory in (self.run_dir, self.work_dir, self.server_dir):
-            directory.mkdir()
+            directory.mkdir(0o755)
         for scheme in SCHEMES:
-            self.flash(scheme).mkdir()
+            self.flash(scheme).mkdir(0o755)
         self._make_fixed_paths()
         self.core_directory = None
         self.agent_directives = []
@@ -624,6 +625,15 @@ def copy_columns(
     return [
         (f"{name}.{row}", encode(value)) for name, value, encode in columns if value is not None
     ]
+
+
+def delete(host, row, name):
+    """Asks for a deletion; returns the answer and the operation status."""
+    pairs = [(f"{MiscColumn.ROW}.{row}", ber.integer(CREATE_AND_WAIT))]
+    pairs.append((f"{MiscColumn.NAME}.{row}", ber.octets(name)))
+    assert host.set(*pairs) == ber.NO_ERROR
+    answer = host.set((f"{MiscColumn.ROW}.{row}", ber.integer(ACTIVE)))
+    return answer, host.value(f"{MiscColumn.STATUS}.{row}")
 
 
 class TrapReceiver:

@@ -13,13 +13,14 @@ from harness import (
     INVALID_SOURCE,
     SUCCESS,
     MiscColumn,
+    delete,
     live_children,
     wait_for,
 )
 from remotes import HeldTftp
-from test_delete import INITIAL, delete
 
 INVALID_DESTINATION = 6
+INITIAL = 14  # status of a misc-operation row
 INVALID_SOURCE_CODE, INVALID_DESTINATION_CODE = "0x4049001c", "0x4049001d"
 CONTENT = b"content\n" * 1000
 EVIL = "x;touch marker;true "

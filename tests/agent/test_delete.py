@@ -14,20 +14,12 @@ from harness import (
     TRUE,
     MiscColumn,
     ToolError,
+    delete,
     wait_for,
 )
 
 FAILED, INITIAL = 10, 14
 DELETE = 3
-
-
-def delete(host, row, name):
-    """Asks for a deletion; returns the answer and the operation status."""
-    pairs = [(f"{MiscColumn.ROW}.{row}", ber.integer(CREATE_AND_WAIT))]
-    pairs.append((f"{MiscColumn.NAME}.{row}", ber.octets(name)))
-    assert host.set(*pairs) == ber.NO_ERROR
-    answer = host.set((f"{MiscColumn.ROW}.{row}", ber.integer(ACTIVE)))
-    return answer, host.value(f"{MiscColumn.STATUS}.{row}")
 
 
 def test_file_is_deleted(host):

@@ -326,6 +326,28 @@ TEST_F(Files, NoUriLeadsOutOfItsDirectory) {
     }
 }
 
+TEST_F(Files, NoLinkBringsWhatAShellWouldRunIntoAPath) {
+    fs::create_directory(directory() / "x;true ");
+    write(directory() / "x;true " / "file", "x");
+    fs::create_directory_symlink("x;true ", directory() / "link");
+    for (const char *name : {"/link/file", "/link/new"}) {
+        char path[path_size] = "untouched";
+        uriutil_stat stat{};
+        EXPECT_NE(uriutil_uri_to_path((uri() + name).c_str(), path, sizeof path, 0), 0) << path;
+        EXPECT_STREQ(path, "untouched");
+        EXPECT_NE(uriutil_stat_get((uri() + name).c_str(), &stat, 0), 0) << name;
+    }
+}
+
+TEST_F(Files, WhatIsNeitherAFileNorADirectoryIsRefused) {
+    ASSERT_EQ(mkfifo((directory() / "fifo").c_str(), 0600), 0);
+    char path[path_size] = "untouched";
+    uriutil_stat stat{};
+    EXPECT_NE(uriutil_uri_to_path((uri() + "/fifo").c_str(), path, sizeof path, 0), 0);
+    EXPECT_STREQ(path, "untouched");
+    EXPECT_NE(uriutil_stat_get((uri() + "/fifo").c_str(), &stat, 0), 0);
+}
+
 TEST_F(Files, AnUnknownSchemeAndAnEmptyUriAreRefused) {
     for (const char *name : {"", "no-such-scheme:file", ":file"}) {
         char path[path_size] = "untouched";
