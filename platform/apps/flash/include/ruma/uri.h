@@ -21,12 +21,12 @@ struct uriutil_stat {
 };
 
 /* Resolves a device URI to a local path: a NUL-terminated path of less than `size` bytes in `path`.
- * The file need not exist; what exists and is neither a regular file nor a directory is refused. The
- * result never lies outside the directory of the URI's scheme, through whatever links. It becomes
- * part of command lines: but for A-Za-z0-9._+,=@%/- it holds no character that neither the URI nor
- * the directory's configured name holds, lest the name of a directory behind a link be run by a
- * shell. `flags` is 0. Returns 0, or a platform error code and leaves `path` alone. Looks at the
- * file system and blocks no longer than that does. */
+ * The file need not exist; what exists and is neither a regular file nor a directory is refused.
+ * The result never lies outside the directory of the URI's scheme, through whatever links. It
+ * becomes part of command lines: but for A-Za-z0-9._+,=@%/- it holds no character that neither the
+ * URI nor the directory's configured name holds, lest the name of a directory behind a link be run
+ * by a shell. `flags` is 0. Returns 0, or a platform error code and leaves `path` alone. Looks at
+ * the file system and blocks no longer than that does. */
 int32_t uriutil_uri_to_path(const char *uri, char *path, size_t size, int flags);
 
 /* Looks at the file that a device URI names. `flags` is 0. Returns 0 with `*stat` filled, or a
