@@ -493,6 +493,14 @@ TEST_F(TftpPutTest, ADirectoryOfTheDestinationNameIsATransferError) {
     expect_staging_failure(put_request("backup.bin"));
 }
 
+TEST_F(TftpPutTest, AFifoInTheCopysPlaceIsATransferErrorAndNoWaitBothWays) {
+    os().system.passes_through();
+    ASSERT_EQ(mkfifo("backup.bin", 0600), 0);
+    ASSERT_EQ(mkfifo("image.bin", 0600), 0);
+    for (const char *name : {"backup.bin", ""})
+        expect_staging_failure(put_request(name));
+}
+
 TEST_F(TftpPutTest, AFullDiskIsATransferError) { expect_staging_failure(put_request("/dev/full")); }
 
 TEST_F(TftpPutTest, AFullDiskIsNoticedForAFileSmallerThanABuffer) {

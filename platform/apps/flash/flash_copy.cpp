@@ -193,10 +193,18 @@ int stage_by_own_name(const char *path) {
     return std::system(command) < 0 ? -1 : 0;
 }
 
+bool is_fifo(const char *path) {
+    struct stat status;
+    return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 // Puts the file to send into the working directory, under the name that it is to have on the
 // server: the client sends a file under its own name. A new file is for the agent's user alone.
 int stage(const flashCopyEntry *entry) {
-    if (strict_refuses_staging(entry->destinationName))
+    const char *name = entry->destinationName[0] != '\0' ? entry->destinationName
+                                                         : last_component(entry->sourcePath);
+    // A FIFO cannot be opened before somebody else opens its other end.
+    if (strict_refuses_staging(entry->destinationName) || (name != nullptr && is_fifo(name)))
         return -1;
     const mode_t mask = umask(077);
     const int result = entry->destinationName[0] == '\0'
