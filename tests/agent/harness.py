@@ -239,6 +239,7 @@ class Host:
         self.core_directory = None
         self.agent_directives = []
         self.agent_user = None  # root
+        self.agent_settings = {}  # words of the platform configuration, as they stand in the file
         self.agent_environment = {}
         self.agent = None
         self.daemon = None
@@ -282,8 +283,10 @@ class Host:
             f'description = "Test {scheme}"\n'
             for scheme in SCHEMES
         ]
+        settings = dict(self.agent_settings)
         if self.agent_user is not None:
-            tables.append(f'[agent]\nuser = "{self.agent_user}"\n')
+            settings["user"] = f'"{self.agent_user}"'
+        tables.append("[agent]\n" + "".join(f"{key} = {settings[key]}\n" for key in settings))
         if self.core_directory is not None:
             tables.append(f'[core]\ndirectory = "{self.core_directory}"\n')
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
@@ -461,12 +464,13 @@ class Host:
 
     # --- The stock tools
 
-    def tool(self, name, *arguments, timeout=60, version="2c") -> str:
+    def tool(self, name, *arguments, timeout=60, version="2c", options=()) -> str:
         """Runs a stock tool, numeric throughout; raises ToolError with what it says."""
         # -t is long, so that a slow answer is seen as slow, and -r 0 sends each request once.
         command = [name, f"-v{version}", "-t", "10", "-r", "0", "-On", "-Oe"]
         command += V3_OPTIONS if version == "3" else ["-c", COMMUNITY]
-        command += ["-OU", "-m", "", f"{self.address}:{AGENT_PORT}", *map(str, arguments)]
+        command += ["-OU", "-m", "", *options]
+        command += [f"{self.address}:{AGENT_PORT}", *map(str, arguments)]
         run = subprocess.run(
             command,
             capture_output=True,

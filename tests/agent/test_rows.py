@@ -412,3 +412,57 @@ def test_refused_request_does_not_touch_an_active_row(host):
     ]
     assert host.set(*pairs) == ber.INCONSISTENT_VALUE
     assert read(host, COPY_COLUMNS, 5) == before
+
+
+# --- As many rows as the configuration allows
+
+
+@pytest.fixture(name="three_row_host")
+def fixture_three_row_host(idle_host):
+    """A running host whose tables hold three rows each."""
+    idle_host.agent_settings = {"max_rows": 3}
+    idle_host.start()
+    return idle_host
+
+
+@pytest.mark.parametrize("column", [CopyColumn.ROW, MiscColumn.ROW])
+@pytest.mark.parametrize("value", [CREATE_AND_WAIT, CREATE_AND_GO, ACTIVE, NOT_IN_SERVICE])
+def test_row_beyond_the_limit_is_a_general_error(three_row_host, column, value):
+    create(three_row_host, column, 1, 5, 9)
+    answer = three_row_host.sender.set((f"{column}.7", ber.integer(value)))
+    assert (answer.error, answer.error_index) == (ber.GEN_ERR, 1)
+    rows = [name.rpartition(".")[2] for name, _ in three_row_host.walk(column)]
+    assert rows == ["1", "5", "9"]
+
+
+def test_tables_are_limited_each_by_itself(three_row_host):
+    create(three_row_host, CopyColumn.ROW, 1, 2, 3)
+    create(three_row_host, MiscColumn.ROW, 1, 2, 3)
+
+
+def test_columns_of_a_row_beyond_the_limit_are_refused_with_it(three_row_host):
+    create(three_row_host, CopyColumn.ROW, 1, 2, 3)
+    status = three_row_host.set(
+        (f"{CopyColumn.ROW}.4", ber.integer(CREATE_AND_WAIT)),
+        (f"{CopyColumn.SOURCE}.4", ber.octets(b"image.bin")),
+    )
+    assert status == ber.GEN_ERR
+    assert three_row_host.value(f"{CopyColumn.SOURCE}.4") is None
+
+
+@pytest.mark.parametrize("column", [CopyColumn.ROW, MiscColumn.ROW])
+def test_row_is_added_again_after_one_of_a_full_table_was_destroyed(three_row_host, column):
+    create(three_row_host, column, 1, 5, 9)
+    assert three_row_host.set((f"{column}.5", ber.integer(DESTROY))) == ber.NO_ERROR
+    create(three_row_host, column, 7)
+    assert three_row_host.value(f"{column}.7") == NOT_READY
+    assert three_row_host.set((f"{column}.8", ber.integer(CREATE_AND_WAIT))) == ber.GEN_ERR
+
+
+def test_full_table_is_logged_once(three_row_host):
+    create(three_row_host, CopyColumn.ROW, 1, 2, 3)
+    create(three_row_host, MiscColumn.ROW, 1, 2, 3)
+    for row in range(4, 50):
+        for column in (CopyColumn.ROW, MiscColumn.ROW):
+            assert three_row_host.set((f"{column}.{row}", ber.integer(CREATE_AND_WAIT)))
+    assert three_row_host.agent_log.read_text().count("a table is full: max_rows is 3\n") == 1

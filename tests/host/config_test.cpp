@@ -53,7 +53,8 @@ TEST_F(ConfigTest, ReadsEverySetting) {
                                      "[core]\n"
                                      "directory = \"/srv/core\"\n"
                                      "[agent]\n"
-                                     "user = \"Debian-snmp\"\n");
+                                     "user = \"Debian-snmp\"\n"
+                                     "max_rows = 17\n");
     ASSERT_EQ(config.file_systems.size(), 2u);
     EXPECT_EQ(config.file_systems[0].scheme, "bootflash");
     EXPECT_EQ(config.file_systems[0].directory, "/srv/boot flash");
@@ -62,6 +63,7 @@ TEST_F(ConfigTest, ReadsEverySetting) {
     EXPECT_EQ(config.file_systems[1].description, "");
     EXPECT_EQ(config.core_directory, "/srv/core");
     EXPECT_EQ(config.agent_user, "Debian-snmp");
+    EXPECT_EQ(config.max_rows, 17u);
 }
 
 TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
@@ -70,6 +72,7 @@ TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
     EXPECT_EQ(config.file_systems[0].scheme, "bootflash");
     EXPECT_EQ(config.agent_user, "snmp");
     EXPECT_EQ(config.core_directory, "");
+    EXPECT_EQ(config.max_rows, 10000u);
 }
 
 TEST_F(ConfigTest, EmptyListMeansNoFileSystems) {
@@ -90,6 +93,7 @@ TEST_F(ConfigTest, TheSampleIsTheBuiltInDefault) {
     }
     EXPECT_EQ(config.core_directory, built_in.core_directory);
     EXPECT_EQ(config.agent_user, built_in.agent_user);
+    EXPECT_EQ(config.max_rows, built_in.max_rows);
 }
 
 TEST_F(ConfigTest, SchemeOf15CharactersIsTaken) {
@@ -176,6 +180,17 @@ TEST_F(ConfigTest, ValuesOfTheWrongKindAreRefused) {
     EXPECT_EQ(complaint("file_system = \"x\"\n"), "1: file_system must be an array of tables");
     EXPECT_EQ(complaint("file_system = [1]\n"), "1: file_system must be an array of tables");
     EXPECT_EQ(complaint("[[file_system]]\nscheme = [\"a\"]\n"), "2: scheme must be a string");
+}
+
+TEST_F(ConfigTest, RowLimitIsANumberFromOneToAMillion) {
+    EXPECT_EQ(load("[agent]\nmax_rows = 1\n").max_rows, 1u);
+    EXPECT_EQ(load("[agent]\nmax_rows = 1000000\n").max_rows, 1000000u);
+    for (const char *value : {"0", "-1", "1000001", "4294967297", "9223372036854775807"})
+        EXPECT_EQ(complaint("[agent]\nmax_rows = " + std::string(value) + "\n"),
+                  "2: max_rows is not between 1 and 1000000");
+    for (const char *value : {"\"17\"", "17.0", "true", "[17]"})
+        EXPECT_EQ(complaint("[agent]\nmax_rows = " + std::string(value) + "\n"),
+                  "2: max_rows must be an integer");
 }
 
 TEST_F(ConfigTest, ThirtyTwoFileSystemsAreTakenAndOneMoreIsRefused) {

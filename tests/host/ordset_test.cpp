@@ -2,11 +2,18 @@
 #include "ruma/ordset.h"
 
 #include "failing_allocations.h"
+#include "temporary_directory.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/library/snmp_logging.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -96,6 +103,41 @@ TEST_F(OrdsetTest, AddWithoutMemoryReturnsNullAndLeavesTheSetAsItWas) {
     EXPECT_EQ(with_allocations(0, [&] { return add(&second); }), nullptr);
     EXPECT_EQ(ordset_size(&set), 1u);
     EXPECT_EQ(add(&second), &second);
+}
+
+// Whether a set of a process whose limit is 2 keeps to it.
+bool keeps_to_two(ordset &set, const std::string &log) {
+    snmp_enable_filelog(log.c_str(), 0);
+    Item items[] = {{1}, {2}, {3}};
+    Item again{2};
+    const auto add = [&set](Item *item) { return ordset_add(&set, item, item); };
+    bool right = add(&items[0]) == &items[0] && add(&items[1]) == &items[1];
+    right = right && add(&items[2]) == nullptr && add(&items[2]) == nullptr;
+    right = right && add(&again) == &items[1] && ordset_size(&set) == 2;
+    right = right && ordset_find_nextgreater(&set, &items[1]) == nullptr;
+    ordset_remove(&set, &items[0]);
+    right = right && add(&items[2]) == &items[2] && add(&items[0]) == nullptr;
+
+    ordset other{};
+    ordset_create(&other, 1, 1, compare_items, 1);
+    return right && ordset_add(&other, &items[0], &items[0]) == &items[0];
+}
+
+// The configuration is read once, so that this is a process of its own. Tests of this name run
+// before the others, which read it here.
+using OrdsetDeathTest = OrdsetTest;
+
+TEST_F(OrdsetDeathTest, AddRefusesMoreObjectsThanTheConfigurationAllowsAndSaysItOnceAMinute) {
+    const TemporaryDirectory directory;
+    const std::string log = directory / "log";
+    write_file(directory / "platform.toml", "[agent]\nmax_rows = 2\n");
+    EXPECT_EXIT(
+        {
+            ::setenv("RUMA_CONFIG", (directory / "platform.toml").c_str(), 1);
+            ::_exit(keeps_to_two(set, log) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    EXPECT_EQ(read_file(log), "ruma: a table is full: max_rows is 2\n");
 }
 
 TEST_F(OrdsetTest, AddRefusesNullKeyAndObject) {

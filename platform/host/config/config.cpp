@@ -25,17 +25,18 @@ constexpr size_t max_file_systems = 32;
 constexpr size_t max_directory = 200; // leaves room for a file name in the module's path fields
 constexpr size_t max_description = sizeof(flashDeviceEntry::description) - 1;
 constexpr size_t max_user = 32;
+constexpr int64_t max_max_rows = 1000000;
 constexpr std::uintmax_t max_config_size = 1 << 20;
 
 // Schemes that mean something else on the device than a file system.
 constexpr std::string_view reserved_schemes[] = {"log", "ilc-nvram", "core"};
 
 Config built_in_config() {
-    return {{{"bootflash", "/var/lib/ruma/bootflash", "Internal flash"},
-             {"slot0", "/var/lib/ruma/slot0", "Removable flash card"},
-             {"logflash", "/var/lib/ruma/logflash", "Log flash"}},
-            "",
-            ""};
+    Config config;
+    config.file_systems = {{"bootflash", "/var/lib/ruma/bootflash", "Internal flash"},
+                           {"slot0", "/var/lib/ruma/slot0", "Removable flash card"},
+                           {"logflash", "/var/lib/ruma/logflash", "Log flash"}};
+    return config;
 }
 
 // One file being read: every complaint names it and the line.
@@ -86,6 +87,21 @@ class Reader {
             fail(node == nullptr ? table : *node, std::string(key) + " is missing or empty");
         }
         return value;
+    }
+
+    // The number under `key`, or `fallback` when the key is absent.
+    uint32_t number(const toml::table &table, std::string_view key, int64_t least, int64_t most,
+                    uint32_t fallback) const {
+        const toml::node *node = table.get(key);
+        if (node == nullptr)
+            return fallback;
+        const auto value = node->value_exact<int64_t>();
+        if (!value)
+            fail(*node, std::string(key) + " must be an integer");
+        if (*value < least || *value > most)
+            fail(*node, std::string(key) + " is not between " + std::to_string(least) + " and " +
+                            std::to_string(most));
+        return static_cast<uint32_t>(*value);
     }
 
     std::string directory(const toml::table &table) const {
@@ -172,7 +188,9 @@ class Reader {
         const toml::table &core = section(root, "core", {"directory"});
         if (!core.empty())
             result.core_directory = directory(core);
-        result.agent_user = text(section(root, "agent", {"user"}), "user", max_user);
+        const toml::table &agent = section(root, "agent", {"user", "max_rows"});
+        result.agent_user = text(agent, "user", max_user);
+        result.max_rows = number(agent, "max_rows", 1, max_max_rows, result.max_rows);
         return result;
     }
 

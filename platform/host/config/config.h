@@ -3,6 +3,7 @@
 #ifndef RUMA_HOST_CONFIG_H
 #define RUMA_HOST_CONFIG_H
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@ struct Config {
     std::vector<FileSystem> file_systems;
     std::string core_directory; // where core files lie; empty when there are none
     std::string agent_user;     // user that the agent runs as; empty means the daemon's own
+    uint32_t max_rows = 10000;  // rows that each writable table holds at most
 };
 
 // A configuration that cannot be used; what() names the file, the line and the reason.

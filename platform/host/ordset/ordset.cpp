@@ -1,6 +1,14 @@
 // The ordered index container, on the standard library's ordered set.
 #include "ruma/ordset.h"
 
+#include "config/config.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/library/snmp_logging.h>
+
+#include <chrono>
+#include <cinttypes>
 #include <iterator>
 #include <new>
 #include <set>
@@ -18,6 +26,18 @@ using Tree = std::set<void *, Less>;
 
 Tree *tree_of(const ordset *set) {
     return set == nullptr ? nullptr : static_cast<Tree *>(set->tree);
+}
+
+// Whoever fills a table goes on when it is full: one line a minute tells enough.
+void log_limit(uint32_t limit) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::minutes interval(1);
+    static Clock::time_point quiet_until;
+    const Clock::time_point now = Clock::now();
+    if (now < quiet_until)
+        return;
+    quiet_until = now + interval;
+    snmp_log(LOG_WARNING, "ruma: a table is full: max_rows is %" PRIu32 "\n", limit);
 }
 
 } // namespace
@@ -47,6 +67,11 @@ void *ordset_add(ordset *set, const void *key, void *object) {
     if (present != tree->end())
         return *present;
     try {
+        const uint32_t limit = ruma::config().max_rows;
+        if (tree->size() >= limit) {
+            log_limit(limit);
+            return nullptr;
+        }
         return *tree->insert(object).first;
     } catch (const std::bad_alloc &) {
         return nullptr;

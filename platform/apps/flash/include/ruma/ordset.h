@@ -26,7 +26,8 @@ typedef int (*ordset_compare)(const void *a, const void *b);
 int ordset_create(struct ordset *set, int kind, int keys, ordset_compare compare, int flags);
 
 /* Inserts `object` under `key`. Returns `object`; the object already there when one compares equal
- * to `key` (nothing is inserted); NULL when there is no memory. */
+ * to `key` (nothing is inserted); NULL when there is no memory, or no more room than the platform
+ * grants (the host platform: `[agent] max_rows` objects in each set). */
 void *ordset_add(struct ordset *set, const void *key, void *object);
 
 /* Returns the object that compares equal to `key`, or NULL. `flags` is 0. */
