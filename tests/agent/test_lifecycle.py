@@ -2,6 +2,7 @@
 
 import os
 import random
+import shlex
 import shutil
 import socket
 import struct
@@ -45,11 +46,38 @@ with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
 """.format(
     magic=PMB_MAGIC, version=PMB_VERSION, opcode=STATUS_OPCODE
 )
+# A child of the agent that sends, too, when the agent asks it for a value.
+SENDING_CHILD = "#!/bin/sh\nread ping; echo PONG\nread get; echo NONE\nexec {command}\n"
+ASKING_THE_CHILD = ".1.3.6.1.4.1.32473.99"
+
+
+def send_command(host, status, row, times):
+    command = ["/usr/bin/python3", "-c", SEND_STATUS, host.run_dir / "pmb-fe000000-28.sock"]
+    return [str(word) for word in (*command, status, row, times)]
 
 
 def send_status(host, status, row, times=1, user=None):
-    command = ["/usr/bin/python3", "-c", SEND_STATUS, host.run_dir / "pmb-fe000000-28.sock"]
-    subprocess.run([*command, str(status), str(row), str(times)], check=True, user=user, cwd="/")
+    """From a process that is no child of the agent."""
+    subprocess.run(send_command(host, status, row, times), check=True, user=user, cwd="/")
+
+
+def send_status_as_child(host, status, row, times=1):
+    command = shlex.join(send_command(host, status, row, times))
+    script = host.directory / "child"
+    script.write_text(SENDING_CHILD.format(command=command), encoding="ascii")
+    script.chmod(0o755)
+    assert host.value(ASKING_THE_CHILD + ".0") is None
+
+
+@pytest.fixture(name="parent_host")
+def fixture_parent_host(idle_host):
+    """A running host that notifies, and whose agent starts another child when it is asked to."""
+    idle_host.agent_directives = [
+        f"pass_persist {ASKING_THE_CHILD} {idle_host.directory}/child",
+        f"trap2sink {idle_host.address}:{TRAP_PORT} test",
+    ]
+    idle_host.start()
+    return idle_host
 
 
 def start_held_copy(host, row=7, **columns):
@@ -212,14 +240,25 @@ def test_stop_leaves_no_process(host):
 # --- Status messages
 
 
-def test_status_message_of_the_agents_user_is_recorded(host):
+def test_status_message_of_a_child_of_the_agent_is_recorded(parent_host):
     """What the tests of refused messages would see if those were not refused."""
+    server = start_held_copy(parent_host)
+    send_status_as_child(parent_host, TRANSFER_ERROR, 7)
+    assert parent_host.finish_copy(7) == TRANSFER_ERROR
+    assert len(parent_host.completions()) == 1
+    server.release()
+    wait_for(lambda: not parent_host.strays(), "the worker ends")
+
+
+def test_status_message_of_another_process_of_the_agents_user_is_dropped_and_counted(host):
     server = start_held_copy(host)
     send_status(host, TRANSFER_ERROR, 7)
-    assert host.finish_copy(7) == TRANSFER_ERROR
-    assert len(host.completions()) == 1
+    wait_for(lambda: "1 not of a child of the agent" in host.logs(), "the agent logs the drop")
+    assert host.copy_status(7) == IN_PROGRESS
+    assert not host.completions()
     server.release()
-    wait_for(lambda: not host.strays(), "the worker ends")
+    assert host.finish_copy(7) == SUCCESS
+    assert len(host.completions()) == 1
 
 
 def test_status_message_of_another_user_is_dropped_and_counted(host):
@@ -234,27 +273,26 @@ def test_status_message_of_another_user_is_dropped_and_counted(host):
     assert len(host.completions()) == 1
 
 
-def test_status_message_for_a_row_that_does_not_exist_is_harmless(host):
-    host.create_copy(7, **COPY_ARGUMENTS)
-    before = host.walk(COPY)
-    send_status(host, TRANSFER_ERROR, 99)
-    wait_for(host.completions, "the agent has taken the message")
-    assert host.walk(COPY) == before
+def test_status_message_for_a_row_that_does_not_exist_is_harmless(parent_host):
+    parent_host.create_copy(7, **COPY_ARGUMENTS)
+    before = parent_host.walk(COPY)
+    send_status_as_child(parent_host, TRANSFER_ERROR, 99)
+    wait_for(parent_host.completions, "the agent has taken the message")
+    assert parent_host.walk(COPY) == before
 
 
-def test_doubled_status_message_is_notified_once(idle_host):
-    station = idle_host.enter(TrapReceiver(idle_host.address))
-    idle_host.agent_directives = [f"trap2sink {idle_host.address}:{TRAP_PORT} test"]
-    idle_host.start()
-    assert station.receive() is not None, "the agent announces its start"
-    server = start_held_copy(idle_host, notify=TRUE)
-    send_status(idle_host, TRANSFER_ERROR, 7, times=2)
+def test_doubled_status_message_is_recorded_and_notified_once(parent_host):
+    """With the first one its sender has been waited for, and is no child any more."""
+    server = start_held_copy(parent_host, notify=TRUE)
+    station = parent_host.enter(TrapReceiver(parent_host.address))
+    send_status_as_child(parent_host, TRANSFER_ERROR, 7, times=2)
     assert station.receive()[-1].value == TRANSFER_ERROR
-    wait_for(lambda: len(idle_host.completions()) == 2, "the agent has taken both messages")
+    wait_for(lambda: "1 not of a child" in parent_host.logs(), "the agent drops the second one")
+    assert len(parent_host.completions()) == 1
     assert station.receive(timeout=0.3) is None
-    assert idle_host.copy_status(7) == TRANSFER_ERROR
+    assert parent_host.copy_status(7) == TRANSFER_ERROR
     server.release()
-    wait_for(lambda: not idle_host.strays(), "the worker ends")
+    wait_for(lambda: not parent_host.strays(), "the worker ends")
 
 
 @pytest.mark.parametrize(

@@ -19,6 +19,7 @@
 #include <iterator>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -416,6 +417,30 @@ TEST_F(CopyStatus, IsNotAMessageOfAProcessThatIsNone) {
         made.sender_pid = pid;
         EXPECT_FALSE(ruma::is_copy_status(made)) << pid;
     }
+}
+
+TEST(IsChild, HoldsFromTheForkUntilTheProcessIsReaped) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        char byte;
+        close(ready[1]);
+        _exit(read(ready[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    EXPECT_TRUE(ruma::is_child(child));
+    close(ready[0]);
+    close(ready[1]);
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(ruma::is_child(child));
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_FALSE(ruma::is_child(child));
+}
+
+TEST(IsChild, IsFalseForEverybodyElse) {
+    for (const pid_t pid : {getpid(), getppid(), 1, 0, -1})
+        EXPECT_FALSE(ruma::is_child(pid)) << pid;
 }
 
 TEST_F(CopyStatus, IsNotAMessageOfAnotherOpcode) {

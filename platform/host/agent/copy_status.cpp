@@ -3,8 +3,10 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
+#include <sys/wait.h>
 
 namespace ruma {
 namespace {
@@ -95,6 +97,13 @@ bool is_copy_status(const pmb_message &message) {
         return false;
     const int32_t pid = payload_of(message).pid;
     return pid > 0 && pid == message.sender_pid;
+}
+
+bool is_child(pid_t pid) {
+    siginfo_t info{};
+    return pid > 0 &&
+           (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 ||
+            errno != ECHILD);
 }
 
 void remove_duplicate_callbacks() {

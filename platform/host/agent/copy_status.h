@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 
 namespace ruma {
 
@@ -36,6 +37,9 @@ CopyModule find_copy_module();
 
 // Tells whether a received message is a status message of the process that it names.
 bool is_copy_status(const pmb_message &message);
+
+// Tells whether a process is a child of this one that has not been reaped. Reaps nothing.
+bool is_child(pid_t pid);
 
 // Leaves one registration of each callback: a module that was loaded again has registered again.
 void remove_duplicate_callbacks();

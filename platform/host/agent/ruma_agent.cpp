@@ -34,13 +34,14 @@ constexpr unsigned int retry_interval = 2; // seconds
 // Never destroyed: the agent's loop may still call while the process ends.
 ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
 uint64_t refused;  // messages from the right user that are no status message
+uint64_t strange;  // status messages of processes that are no children of the agent
 uint64_t unwanted; // status messages while no module was there to take them
 uint64_t logged;   // dropped messages that the log knows of
 bool log_alarm_pending;
 bool leave_alarm_pending;
 unsigned int retry_alarm; // 0 while none is registered
 
-uint64_t dropped() { return receiver.counters().dropped() + refused + unwanted; }
+uint64_t dropped() { return receiver.counters().dropped() + refused + strange + unwanted; }
 
 // Logs the drops that the log does not know of, at once for the first of a burst and then once per
 // interval until it is over.
@@ -53,8 +54,8 @@ void log_drops(unsigned int, void *) {
     snmp_log(LOG_WARNING,
              "ruma_agent: messages dropped so far: %" PRIu64 " of other users, %" PRIu64
              " malformed, %" PRIu64 " too long, %" PRIu64 " not a copy status, %" PRIu64
-             " without a module\n",
-             counters.foreign, counters.malformed, counters.truncated, refused, unwanted);
+             " not of a child of the agent, %" PRIu64 " without a module\n",
+             counters.foreign, counters.malformed, counters.truncated, refused, strange, unwanted);
     log_alarm_pending = snmp_alarm_register(log_interval, 0, log_drops, nullptr) != 0;
 }
 
@@ -64,6 +65,8 @@ void receive_messages(int, void *) {
     for (int i = 0; i < max_messages_per_event && receiver.receive(message); ++i) {
         if (!ruma::is_copy_status(message))
             ++refused;
+        else if (!ruma::is_child(message.sender_pid))
+            ++strange;
         else if (!ruma::deliver_copy_status(message, ruma::find_copy_module()))
             ++unwanted;
     }
