@@ -14,6 +14,7 @@ import pytest
 from harness import (
     ACTIVE,
     ADDRESSES,
+    AGENT_PORT,
     CREATE_AND_GO,
     CREATE_AND_WAIT,
     DEVICE_FULL,
@@ -413,7 +414,41 @@ def test_error_log_names_the_snmpv3_user_and_the_session_of_a_refused_copy(v3_ho
         v3_host.snmpset(f"{CopyColumn.ROW}.1", "i", ACTIVE, version="3")
     [[_time, code, _text, user, session]] = v3_host.error_log()
     assert (code, user) == ("0x4049001d", f"user {V3_USER}")
-    assert re.fullmatch(r"session -?\d+", session)
+    assert re.fullmatch(r"session [1-9]\d*", session)
+
+
+def refused_by(host, activate):
+    """The session under which the error log has a refused copy of somebody."""
+    before = len(host.error_log())
+    activate()
+    [fields] = host.error_log()[before:]
+    return fields[-1]
+
+
+def test_error_log_tells_the_managers_apart(v3_host):
+    """Two ports, two addresses, an SNMPv3 user; each twice."""
+    pair = (f"{CopyColumn.ROW}.1", ber.integer(ACTIVE))
+    v3_host.create_copy(1, source="image.bin", destination="bootflash:../escaped")
+
+    def by_packet(sender):
+        return lambda: sender.set(pair)
+
+    def by_tool(**settings):
+        def activate():
+            with pytest.raises(ToolError, match="genError"):
+                v3_host.tool("snmpset", pair[0], "i", ACTIVE, **settings)
+
+        return activate
+
+    other_port = ber.Sender(v3_host.address, AGENT_PORT)
+    v3_host.enter(contextlib.closing(other_port))
+    managers = [by_packet(v3_host.sender), by_packet(other_port), by_tool(version="3")]
+    addresses = [f"{ADDRESSES.take()}:40001" for _ in range(2)]
+    with_port = ["-Y", "clientaddrUsesPort=yes", "-Y"]
+    managers += [by_tool(options=[*with_port, f"clientaddr={each}"]) for each in addresses]
+    first = [refused_by(v3_host, manager) for manager in managers]
+    assert len(set(first)) == len(managers)
+    assert [refused_by(v3_host, manager) for manager in managers] == first
 
 
 def test_unsupported_protocol_is_in_the_error_log(host):

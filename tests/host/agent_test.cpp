@@ -6,6 +6,8 @@
 
 #include <net-snmp/agent/agent_callbacks.h>
 
+#include <net-snmp/library/snmp_transport.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,6 +19,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -67,11 +70,13 @@ class ErrorLog : public testing::Test {
     static netsnmp_pdu request_of(long version, std::string &user) {
         netsnmp_pdu pdu{};
         pdu.version = version;
-        pdu.sessid = 42;
         pdu.securityName = user.data();
         pdu.securityNameLen = user.size();
         return pdu;
     }
+
+    // How a line names the session of the request that is being served.
+    static std::string session() { return ", session " + std::to_string(get_snmp_sessionid(0)); }
 
     static int log(int32_t code, const std::string &text) {
         snmp_error_record record{};
@@ -107,7 +112,7 @@ TEST_F(ErrorLog, NamesTheUserAndTheSessionOfTheRequest) {
     std::string user = "flashadmin";
     ruma::enter_request(request_of(SNMP_VERSION_3, user));
     ASSERT_EQ(log(0x4049001C, "Invalid source file"), 0);
-    const std::string expected = "Invalid source file, user flashadmin, session 42\n";
+    const std::string expected = "Invalid source file, user flashadmin" + session() + "\n";
     EXPECT_THAT(read_file(path), testing::EndsWith("Z, 0x4049001c, " + expected));
     EXPECT_THAT(read_file(ruma::run_dir() + "/agent.log"), testing::HasSubstr(": " + expected));
 }
@@ -116,7 +121,7 @@ TEST_F(ErrorLog, NamesTheSessionAloneOfARequestWithoutUser) {
     std::string community = "secret";
     ruma::enter_request(request_of(SNMP_VERSION_2c, community));
     ASSERT_EQ(log(1, "x"), 0);
-    EXPECT_THAT(read_file(path), testing::EndsWith(", x, session 42\n"));
+    EXPECT_THAT(read_file(path), testing::EndsWith(", x" + session() + "\n"));
 }
 
 TEST_F(ErrorLog, NamesNobodyWhenTheRequestIsOver) {
@@ -132,7 +137,7 @@ TEST_F(ErrorLog, EscapesAUserNameThatWouldReadAsMoreThanOneField) {
     ruma::enter_request(request_of(SNMP_VERSION_3, user));
     ASSERT_EQ(log(1, "x"), 0);
     EXPECT_THAT(read_file(path),
-                testing::EndsWith(", x, user a\\nb\\x2c session 7\\x1b, session 42\n"));
+                testing::EndsWith(", x, user a\\nb\\x2c session 7\\x1b" + session() + "\n"));
 }
 
 TEST_F(ErrorLog, EscapesATextThatWouldReadAsMoreThanOneField) {
@@ -140,7 +145,7 @@ TEST_F(ErrorLog, EscapesATextThatWouldReadAsMoreThanOneField) {
     ruma::enter_request(request_of(SNMP_VERSION_3, user));
     ASSERT_EQ(log(1, "no file, user root, session 7"), 0);
     const std::string expected =
-        "no file\\x2c user root\\x2c session 7, user flashadmin, session 42\n";
+        "no file\\x2c user root\\x2c session 7, user flashadmin" + session() + "\n";
     EXPECT_THAT(read_file(path), testing::EndsWith("Z, 0x00000001, " + expected));
     EXPECT_THAT(read_file(ruma::run_dir() + "/agent.log"), testing::HasSubstr(": " + expected));
 }
@@ -251,7 +256,6 @@ class Request : public testing::Test {
     static netsnmp_pdu pdu(long version, char *user) {
         netsnmp_pdu made{};
         made.version = version;
-        made.sessid = 42;
         made.securityName = user;
         made.securityNameLen = user == nullptr ? 0 : std::strlen(user);
         return made;
@@ -268,14 +272,12 @@ TEST_F(Request, IsAnonymousOutsideARequest) {
 TEST_F(Request, OfVersion3HasTheUser) {
     ruma::enter_request(pdu(SNMP_VERSION_3, operator_));
     EXPECT_STREQ(get_snmp_username(0), "operator");
-    EXPECT_EQ(get_snmp_sessionid(0), 42);
 }
 
 TEST_F(Request, OfAnotherVersionHasNoUser) {
     for (const long version : {SNMP_VERSION_1, SNMP_VERSION_2c}) {
         ruma::enter_request(pdu(version, operator_));
         EXPECT_STREQ(get_snmp_username(0), "");
-        EXPECT_EQ(get_snmp_sessionid(0), 42);
     }
 }
 
@@ -309,6 +311,115 @@ TEST_F(Request, BeingWrittenIsTheOneThatTheAgentNames) {
     set_current_agent_session(nullptr);
     EXPECT_EQ(during, "writer");
     EXPECT_STREQ(get_snmp_username(0), "operator");
+}
+
+// A request by its parts. Version 3 has a context and a user, the others have a sender.
+class Session : public testing::Test {
+  protected:
+    void TearDown() override { ruma::leave_request(); }
+
+    static netsnmp_indexed_addr_pair ends(int family, const char *address, uint16_t port,
+                                          int if_index = 1) {
+        netsnmp_indexed_addr_pair pair{};
+        sockaddr_in &four = pair.remote_addr.sin;
+        sockaddr_in6 &six = pair.remote_addr.sin6;
+        pair.remote_addr.sa.sa_family = static_cast<sa_family_t>(family);
+        EXPECT_EQ(inet_pton(family, address,
+                            family == AF_INET ? static_cast<void *>(&four.sin_addr)
+                                              : static_cast<void *>(&six.sin6_addr)),
+                  1);
+        (family == AF_INET ? four.sin_port : six.sin6_port) = htons(port);
+        pair.if_index = if_index;
+        return pair;
+    }
+
+    static int32_t from(netsnmp_indexed_addr_pair pair, long version = SNMP_VERSION_2c) {
+        netsnmp_pdu pdu{};
+        pdu.version = version;
+        pdu.transport_data = &pair;
+        pdu.transport_data_length = sizeof pair;
+        pdu.tDomain = netsnmpUDPDomain;
+        pdu.tDomainLen = netsnmpUDPDomain_len;
+        return id(pdu);
+    }
+
+    static int32_t of(std::string engine, std::string context, std::string user,
+                      uint16_t port = 1) {
+        netsnmp_indexed_addr_pair pair = ends(AF_INET, "10.0.0.1", port);
+        netsnmp_pdu pdu{};
+        pdu.version = SNMP_VERSION_3;
+        pdu.transport_data = &pair;
+        pdu.transport_data_length = sizeof pair;
+        pdu.contextEngineID = reinterpret_cast<u_char *>(engine.data());
+        pdu.contextEngineIDLen = engine.size();
+        pdu.contextName = context.data();
+        pdu.contextNameLen = context.size();
+        pdu.securityName = user.data();
+        pdu.securityNameLen = user.size();
+        return id(pdu);
+    }
+
+    static int32_t id(const netsnmp_pdu &pdu) {
+        ruma::enter_request(pdu);
+        const int32_t found = get_snmp_sessionid(0);
+        EXPECT_GT(found, 0);
+        return found;
+    }
+};
+
+TEST_F(Session, IsTheSameForEveryRequestFromOneAddressAndPort) {
+    for (const long version : {SNMP_VERSION_1, SNMP_VERSION_2c}) {
+        const int32_t first = from(ends(AF_INET, "10.0.0.1", 5000), version);
+        EXPECT_EQ(from(ends(AF_INET, "10.0.0.1", 5000, 2), version), first);
+        const int32_t six = from(ends(AF_INET6, "fe80::1", 5000), version);
+        EXPECT_EQ(from(ends(AF_INET6, "fe80::1", 5000, 2), version), six);
+    }
+}
+
+TEST_F(Session, DiffersByAddressAndByPort) {
+    const int32_t first = from(ends(AF_INET, "10.0.0.1", 5000));
+    EXPECT_NE(from(ends(AF_INET, "10.0.0.1", 5001)), first);
+    EXPECT_NE(from(ends(AF_INET, "10.0.0.2", 5000)), first);
+    const int32_t six = from(ends(AF_INET6, "fe80::1", 5000));
+    EXPECT_NE(from(ends(AF_INET6, "fe80::1", 5001)), six);
+    EXPECT_NE(from(ends(AF_INET6, "fe80::2", 5000)), six);
+}
+
+TEST_F(Session, DiffersOverALargeNetwork) {
+    std::set<int32_t> ids;
+    for (int host = 1; host < 250; ++host)
+        for (uint16_t port = 40000; port < 40010; ++port)
+            ids.insert(from(ends(AF_INET, ("10.0.0." + std::to_string(host)).c_str(), port)));
+    EXPECT_EQ(ids.size(), 2490U);
+}
+
+TEST_F(Session, OfAnotherTransportIsOfTheWholeAddress) {
+    char one[] = "first address";
+    char two[] = "other address";
+    netsnmp_pdu pdu{};
+    pdu.version = SNMP_VERSION_2c;
+    pdu.transport_data = one;
+    pdu.transport_data_length = sizeof one;
+    const int32_t first = id(pdu);
+    pdu.transport_data = two;
+    EXPECT_NE(id(pdu), first);
+}
+
+TEST_F(Session, OfARequestWithoutAnythingIsOneToo) {
+    netsnmp_pdu pdu{};
+    id(pdu);
+    pdu.version = SNMP_VERSION_3;
+    id(pdu);
+}
+
+TEST_F(Session, OfVersion3IsOfEngineContextAndUserWhereverTheyAre) {
+    const int32_t first = of("engine", "context", "user", 5000);
+    EXPECT_EQ(of("engine", "context", "user", 5001), first);
+    EXPECT_NE(of("engin3", "context", "user"), first);
+    EXPECT_NE(of("engine", "contexT", "user"), first);
+    EXPECT_NE(of("engine", "context", "used"), first);
+    EXPECT_NE(of("enginec", "ontext", "user"), first);
+    EXPECT_NE(of("engine", "contextu", "ser"), first);
 }
 
 // A module of one row, which a status message completes.

@@ -2,10 +2,79 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <net-snmp/library/snmp_transport.h>
+
 #include <algorithm>
 #include <cstring>
 
 namespace {
+
+// FNV-1a, over fields one after the other.
+class Digest {
+  public:
+    void add(const void *bytes, size_t size) {
+        const auto *octets = static_cast<const unsigned char *>(bytes);
+        for (size_t i = 0; i < size; ++i)
+            value_ = (value_ ^ octets[i]) * 16777619U;
+    }
+    template <typename Value>
+    void add(const Value &value) {
+        add(&value, sizeof value);
+    }
+    // With its length first, so that where one field ends and the next begins makes a difference.
+    void add_field(const void *bytes, size_t size) {
+        if (bytes == nullptr)
+            size = 0;
+        add(size);
+        add(bytes, size);
+    }
+    // Positive.
+    int32_t result() const {
+        const auto folded = static_cast<int32_t>((value_ ^ value_ >> 31) & 0x7FFFFFFF);
+        return folded == 0 ? 1 : folded;
+    }
+
+  private:
+    uint32_t value_ = 2166136261U;
+};
+
+// The far end of an IP transport alone: what the agent keeps beside it says through which interface
+// a packet came.
+bool add_ip_address(Digest &digest, const netsnmp_pdu &pdu) {
+    netsnmp_indexed_addr_pair ends;
+    if (pdu.transport_data == nullptr ||
+        static_cast<size_t>(pdu.transport_data_length) != sizeof ends)
+        return false;
+    std::memcpy(&ends, pdu.transport_data, sizeof ends);
+    switch (ends.remote_addr.sa.sa_family) {
+    case AF_INET:
+        digest.add(ends.remote_addr.sin.sin_addr);
+        digest.add(ends.remote_addr.sin.sin_port);
+        return true;
+    case AF_INET6:
+        digest.add(ends.remote_addr.sin6.sin6_addr);
+        digest.add(ends.remote_addr.sin6.sin6_port);
+        digest.add(ends.remote_addr.sin6.sin6_scope_id);
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Agent sessions are no use as an id: the agent serves all managers of an endpoint in one.
+int32_t session_of(const netsnmp_pdu &pdu) {
+    Digest digest;
+    if (pdu.version == SNMP_VERSION_3) {
+        digest.add_field(pdu.contextEngineID, pdu.contextEngineIDLen);
+        digest.add_field(pdu.contextName, pdu.contextNameLen);
+        digest.add_field(pdu.securityName, pdu.securityNameLen);
+    } else {
+        digest.add_field(pdu.tDomain, pdu.tDomainLen * sizeof(oid));
+        if (!add_ip_address(digest, pdu))
+            digest.add_field(pdu.transport_data, static_cast<size_t>(pdu.transport_data_length));
+    }
+    return digest.result();
+}
 
 struct Requester {
     char user[256];
@@ -18,7 +87,7 @@ Requester checked;
 void fill(Requester &requester, const netsnmp_pdu &pdu) {
     requester = {};
     requester.known = true;
-    requester.session = static_cast<int32_t>(pdu.sessid);
+    requester.session = session_of(pdu);
     // The other versions carry a community, which is no user.
     if (pdu.version == SNMP_VERSION_3 && pdu.securityName != nullptr)
         std::memcpy(requester.user, pdu.securityName,
