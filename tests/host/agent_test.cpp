@@ -2,6 +2,8 @@
 #include "agent/request.h"
 #include "config/config.h"
 
+#include <ruma/evwrap.h>
+
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <net-snmp/agent/agent_callbacks.h>
@@ -425,9 +427,12 @@ TEST_F(Session, OfVersion3IsOfEngineContextAndUserWhereverTheyAre) {
 // A module of one row, which a status message completes.
 flashCopyEntry row;
 bool row_exists;
+int traced;
 int calls;
 int other_calls;
 const pmb_message *delivered;
+int32_t delivered_index;
+int32_t delivered_pid;
 int32_t notified_status;
 bool send_wanted;
 std::vector<std::vector<oid>> trap_names;
@@ -438,9 +443,12 @@ const oid notification[] = {1, 3, 6, 1, 4, 1, 32473, 1, 1, 1, 3, 0, 1};
 int take_status(int, int, void *message, void *) {
     ++calls;
     delivered = static_cast<const pmb_message *>(message);
-    int32_t status = 0;
-    std::memcpy(&status, delivered->payload, sizeof status);
-    row.copyStatus = status;
+    int32_t payload[3];
+    std::memcpy(payload, delivered->payload, sizeof payload);
+    delivered_index = payload[1];
+    delivered_pid = payload[2];
+    if (delivered_index == row.index)
+        row.copyStatus = payload[0];
     return 0;
 }
 
@@ -450,6 +458,9 @@ int take_status_too(int, int, void *, void *) {
 }
 
 int32_t get_row(flashCopyEntry *entry) {
+    // As the module traces its look-ups.
+    traced += evwrap_hist_event_subtype_check(0x730000, 100) +
+              evwrap_hist_event_subtype_check(0x730000, 101) + evwrap_chk_int(101, 0, 0, 1);
     if (!row_exists || entry->index != row.index)
         return 0x40490002;
     *entry = row;
@@ -479,7 +490,7 @@ int take_trap(int, int, void *trap, void *) {
     return 0;
 }
 
-const ruma::CopyModule module{get_row, build_notification};
+const ruma::CopyModule module{get_row, build_notification, nullptr, nullptr};
 
 class CopyStatus : public testing::Test {
   protected:
@@ -495,7 +506,11 @@ class CopyStatus : public testing::Test {
         row.index = 7;
         row.copyStatus = 1;
         row.notifyOnCompletion = 1;
+        row.startTimestamp = {100, 5};
         row_exists = true;
+        traced = 0;
+        delivered_index = -1;
+        delivered_pid = -1;
         calls = 0;
         other_calls = 0;
         notified_status = 0;
@@ -641,9 +656,73 @@ TEST_F(CopyStatus, DoesNotNotifyWhenTheModuleSaysNotTo) {
     EXPECT_TRUE(trap_names.empty());
 }
 
+TEST_F(CopyStatus, IsDeliveredWithoutATraceOfThePlatformsOwnLook) {
+    deliver();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(traced, 0);
+    get_row(&row);
+    EXPECT_GT(traced, 0) << "tracing is off for good";
+}
+
+using LostCopy = CopyStatus;
+
+TEST_F(LostCopy, CompletesItsRowAsAFailedTransferAndNotifies) {
+    ruma::report_lost_copy({7, {100, 5}}, 1234, module);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(delivered_index, 7);
+    EXPECT_EQ(delivered_pid, 1234);
+    EXPECT_EQ(row.copyStatus, 14);
+    EXPECT_EQ(notified_status, 14);
+    EXPECT_FALSE(trap_names.empty());
+    EXPECT_EQ(traced, 0);
+}
+
+TEST_F(LostCopy, CompletesItsRowWhenItsWorkerCouldNotBeForked) {
+    ruma::report_lost_copy({7, {100, 5}}, -1, module);
+    EXPECT_EQ(delivered_index, 7);
+    EXPECT_EQ(delivered_pid, -1);
+    EXPECT_EQ(row.copyStatus, 14);
+}
+
+TEST_F(LostCopy, ReachesTheModuleOnceHoweverOftenItRegistered) {
+    snmp_register_callback(0, 11, take_status, nullptr);
+    ruma::report_lost_copy({7, {100, 5}}, 1234, module);
+    EXPECT_EQ(calls, 1);
+}
+
+// Its worker is handed over to be reaped, under an index that no row has.
+TEST_F(LostCopy, LeavesItsRowAloneWhenThatIsGoneOverOrAnothers) {
+    const struct {
+        bool exists;
+        int32_t status;
+        flashTimestamp start;
+    } cases[] = {
+        {false, 1, {100, 5}}, {true, 2, {100, 5}}, {true, 17, {100, 5}},
+        {true, 1, {100, 6}},  {true, 1, {101, 5}},
+    };
+    for (const auto &each : cases) {
+        row_exists = each.exists;
+        row.copyStatus = each.status;
+        row.startTimestamp = each.start;
+        calls = 0;
+        ruma::report_lost_copy({7, {100, 5}}, 1234, module);
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(delivered_index, 0);
+        EXPECT_EQ(delivered_pid, 1234);
+        EXPECT_EQ(row.copyStatus, each.status);
+        EXPECT_TRUE(trap_names.empty());
+    }
+}
+
+TEST_F(LostCopy, IsNoMatterWithoutARowAndAWorker) {
+    row_exists = false;
+    ruma::report_lost_copy({7, {100, 5}}, -1, module);
+    EXPECT_EQ(calls, 0);
+}
+
 TEST_F(CopyStatus, ReachesAModuleThatBuildsNoNotifications) {
     pmb_message made = message();
-    EXPECT_TRUE(ruma::deliver_copy_status(made, {nullptr, nullptr}));
+    EXPECT_TRUE(ruma::deliver_copy_status(made, {}));
     EXPECT_EQ(calls, 1);
 }
 

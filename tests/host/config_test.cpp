@@ -54,7 +54,8 @@ TEST_F(ConfigTest, ReadsEverySetting) {
                                      "directory = \"/srv/core\"\n"
                                      "[agent]\n"
                                      "user = \"Debian-snmp\"\n"
-                                     "max_rows = 17\n");
+                                     "max_rows = 17\n"
+                                     "report_lost_workers = true\n");
     ASSERT_EQ(config.file_systems.size(), 2u);
     EXPECT_EQ(config.file_systems[0].scheme, "bootflash");
     EXPECT_EQ(config.file_systems[0].directory, "/srv/boot flash");
@@ -64,6 +65,7 @@ TEST_F(ConfigTest, ReadsEverySetting) {
     EXPECT_EQ(config.core_directory, "/srv/core");
     EXPECT_EQ(config.agent_user, "Debian-snmp");
     EXPECT_EQ(config.max_rows, 17u);
+    EXPECT_TRUE(config.report_lost_workers);
 }
 
 TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
@@ -73,13 +75,14 @@ TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
     EXPECT_EQ(config.agent_user, "snmp");
     EXPECT_EQ(config.core_directory, "");
     EXPECT_EQ(config.max_rows, 10000u);
+    EXPECT_FALSE(config.report_lost_workers);
 }
 
 TEST_F(ConfigTest, EmptyListMeansNoFileSystems) {
     EXPECT_TRUE(load("file_system = []\n").file_systems.empty());
 }
 
-TEST_F(ConfigTest, TheSampleIsTheBuiltInDefault) {
+TEST_F(ConfigTest, TheSampleIsTheBuiltInDefaultAndReportsLostWorkers) {
     const std::string sample =
         (std::filesystem::path(__FILE__).parent_path() / "../../platform/host/config/platform.toml")
             .string();
@@ -94,6 +97,7 @@ TEST_F(ConfigTest, TheSampleIsTheBuiltInDefault) {
     EXPECT_EQ(config.core_directory, built_in.core_directory);
     EXPECT_EQ(config.agent_user, built_in.agent_user);
     EXPECT_EQ(config.max_rows, built_in.max_rows);
+    EXPECT_TRUE(config.report_lost_workers);
 }
 
 TEST_F(ConfigTest, SchemeOf15CharactersIsTaken) {
@@ -191,6 +195,13 @@ TEST_F(ConfigTest, RowLimitIsANumberFromOneToAMillion) {
     for (const char *value : {"\"17\"", "17.0", "true", "[17]"})
         EXPECT_EQ(complaint("[agent]\nmax_rows = " + std::string(value) + "\n"),
                   "2: max_rows must be an integer");
+}
+
+TEST_F(ConfigTest, SwitchIsTrueOrFalse) {
+    EXPECT_FALSE(load("[agent]\nreport_lost_workers = false\n").report_lost_workers);
+    for (const char *value : {"\"true\"", "1", "[true]"})
+        EXPECT_EQ(complaint("[agent]\nreport_lost_workers = " + std::string(value) + "\n"),
+                  "2: report_lost_workers must be true or false");
 }
 
 TEST_F(ConfigTest, ThirtyTwoFileSystemsAreTakenAndOneMoreIsRefused) {

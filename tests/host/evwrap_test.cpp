@@ -2,6 +2,7 @@
 #include "ruma/evwrap.h"
 
 #include "evwrap/history.h"
+#include "evwrap/quiet.h"
 #include "failing_allocations.h"
 #include "temporary_directory.h"
 
@@ -451,6 +452,23 @@ TEST_F(EvwrapTest, TheSwitchesDecide) {
     EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 100), 0);
     EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 101), 0);
     history->set_debug(true);
+    EXPECT_NE(evwrap_chk_int(101, 0, 0, 1), 0);
+}
+
+TEST_F(EvwrapTest, NothingIsTakenWhileThePlatformLooksByItself) {
+    history->set_debug(true);
+    {
+        const ruma::QuietTracing outer;
+        const ruma::QuietTracing inner;
+    }
+    {
+        const ruma::QuietTracing quiet;
+        EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 100), 0);
+        EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 101), 0);
+        EXPECT_EQ(evwrap_chk_int(101, 0, 0, 1), 0);
+    }
+    EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 100), 0);
+    EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 101), 0);
     EXPECT_NE(evwrap_chk_int(101, 0, 0, 1), 0);
 }
 

@@ -200,6 +200,18 @@ TEST_F(Pmb, MakesTheDescriptorReadable) {
     EXPECT_EQ(poll(&wait, 1, 0), 1);
 }
 
+TEST_F(Pmb, TellsWhetherAnythingWaits) {
+    EXPECT_FALSE(receiver.waiting());
+    ASSERT_EQ(send_text("one"), 0);
+    ASSERT_EQ(send_text("two"), 0);
+    ASSERT_TRUE(receiver.receive(message));
+    EXPECT_TRUE(receiver.waiting());
+    ASSERT_TRUE(receiver.receive(message));
+    EXPECT_FALSE(receiver.waiting());
+    receiver.close();
+    EXPECT_FALSE(receiver.waiting());
+}
+
 TEST_F(Pmb, CarriesAnEmptyPayload) {
     ASSERT_EQ(send_text(""), 0);
     ASSERT_TRUE(receiver.receive(message));

@@ -1,5 +1,7 @@
 #include "agent/copy_status.h"
 
+#include "evwrap/quiet.h"
+
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <arpa/inet.h>
@@ -11,9 +13,10 @@
 namespace ruma {
 namespace {
 
-constexpr int32_t in_progress = 1;
+constexpr int32_t transfer_error = 14;
 constexpr int32_t notify_wanted = 1;
 constexpr int32_t found = 0;
+constexpr int32_t no_row = 0; // an index that no row has
 constexpr oid snmp_trap_oid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
 // The payload of a status message.
@@ -31,6 +34,7 @@ CopyStatus payload_of(const pmb_message &message) {
 }
 
 bool read_row(const CopyModule &module, int32_t index, flashCopyEntry &row) {
+    const QuietTracing quiet;
     row = {};
     row.index = index;
     return module.get_row != nullptr && module.get_row(&row) == found;
@@ -84,6 +88,9 @@ CopyModule find_copy_module() {
             continue;
         module.get_row =
             reinterpret_cast<decltype(module.get_row)>(dlsym(handle, "getFlashCopyEntry"));
+        module.get_next_row =
+            reinterpret_cast<decltype(module.get_next_row)>(dlsym(handle, "getnextFlashCopyEntry"));
+        module.last_worker = static_cast<const int32_t *>(dlsym(handle, "flash_copy_pid"));
         module.build_notification = reinterpret_cast<decltype(module.build_notification)>(
             dlsym(handle, "handle_notifications"));
         // Only the reference that was just taken; the module stays loaded.
@@ -124,13 +131,29 @@ bool deliver_copy_status(pmb_message &message, const CopyModule &module) {
         return false;
     const int32_t index = payload_of(message).index;
     flashCopyEntry row;
-    const bool running = read_row(module, index, row) && row.copyStatus == in_progress;
+    const bool running = read_row(module, index, row) && row.copyStatus == copy_in_progress;
     snmp_call_callbacks(copy_status_major, copy_status_minor, &message);
     // A second message for a row, or one for a row that is gone, completes nothing.
-    if (running && read_row(module, index, row) && row.copyStatus != in_progress &&
+    if (running && read_row(module, index, row) && row.copyStatus != copy_in_progress &&
         row.notifyOnCompletion == notify_wanted)
         send_notification(module, row.copyStatus);
     return true;
+}
+
+bool is_in_progress(const CopyStart &start, const CopyModule &module) {
+    flashCopyEntry row;
+    return read_row(module, start.row, row) && row.copyStatus == copy_in_progress &&
+           CopyStart{row.index, row.startTimestamp} == start;
+}
+
+void report_lost_copy(const CopyStart &start, pid_t worker, const CopyModule &module) {
+    const CopyStatus status{transfer_error, is_in_progress(start, module) ? start.row : no_row,
+                            worker};
+    if (status.index == no_row && worker <= 0)
+        return;
+    pmb_message message = pmb_make_message(copy_status_node, copy_status_sap, copy_status_opcode,
+                                           &status, sizeof status);
+    deliver_copy_status(message, module);
 }
 
 } // namespace ruma

@@ -25,11 +25,26 @@ constexpr uint32_t copy_status_opcode = 7786;
 constexpr int copy_status_major = SNMP_CALLBACK_LIBRARY;
 constexpr int copy_status_minor = 11;
 
-// What the notification needs of the module; either may be null.
+constexpr int32_t copy_in_progress = 1; // a row's copy status
+
+// What the agent needs of the module; each may be null.
 struct CopyModule {
     int32_t (*get_row)(flashCopyEntry *row);
     netsnmp_variable_list *(*build_notification)(const pmb_message *message, oid *id,
                                                  std::size_t *id_length, int *send);
+    int32_t (*get_next_row)(flashCopyEntry *row);
+    const int32_t *last_worker; // what the module's last fork returned
+};
+
+// One start of a copy: a row that was destroyed and created again has another one.
+struct CopyStart {
+    int32_t row;
+    flashTimestamp time;
+
+    bool operator==(const CopyStart &other) const {
+        return row == other.row && time.seconds == other.time.seconds &&
+               time.microseconds == other.time.microseconds;
+    }
 };
 
 // Finds the module behind the registered callbacks.
@@ -48,6 +63,15 @@ void remove_duplicate_callbacks();
 // when the message has completed a row that asks for it. Returns false when nobody has registered.
 // May block as the module's callback does.
 bool deliver_copy_status(pmb_message &message, const CopyModule &module);
+
+// Tells whether a start's row is there and still in progress since that start.
+bool is_in_progress(const CopyStart &start, const CopyModule &module);
+
+// Stands in for the status message of a worker that ended without one, or was never forked (0 or
+// less): the start's row, if it is still in progress since, is completed as a failed transfer and
+// notified; the module reaps the worker in any case. Blocks no longer than the module's callback,
+// which finds the worker dead.
+void report_lost_copy(const CopyStart &start, pid_t worker, const CopyModule &module);
 
 } // namespace ruma
 

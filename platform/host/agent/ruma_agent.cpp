@@ -1,5 +1,5 @@
 // The loadable module that makes the stock agent the device's agent: it receives the copy workers'
-// status messages and knows whose request is being served.
+// status messages, watches over the workers and knows whose request is being served.
 //
 // Everything is set up once per process and stays. SIGHUP makes the agent unload and load its
 // modules, but this one is never unmapped, and callbacks, alarms and read descriptors outlive the
@@ -7,6 +7,7 @@
 #include "agent/copy_status.h"
 #include "agent/flash_directories.h"
 #include "agent/request.h"
+#include "agent/workers.h"
 #include "cmi/peer.h"
 #include "config/config.h"
 #include "config/run_directory.h"
@@ -20,10 +21,14 @@
 
 #include <net-snmp/library/fd_event_manager.h>
 
+#include <chrono>
 #include <cinttypes>
 #include <exception>
+#include <new>
+#include <pthread.h>
 #include <stdexcept>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
@@ -33,6 +38,7 @@ constexpr unsigned int retry_interval = 2; // seconds
 
 // Never destroyed: the agent's loop may still call while the process ends.
 ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
+ruma::CopyWorkers &workers = *new ruma::CopyWorkers;
 uint64_t refused;  // messages from the right user that are no status message
 uint64_t strange;  // status messages of processes that are no children of the agent
 uint64_t unwanted; // status messages while no module was there to take them
@@ -40,6 +46,9 @@ uint64_t logged;   // dropped messages that the log knows of
 bool log_alarm_pending;
 bool leave_alarm_pending;
 unsigned int retry_alarm; // 0 while none is registered
+unsigned int look_alarm;  // likewise
+bool starting;            // the fork under way is a worker's
+bool is_worker;           // this process is one
 
 uint64_t dropped() { return receiver.counters().dropped() + refused + strange + unwanted; }
 
@@ -59,19 +68,102 @@ void log_drops(unsigned int, void *) {
     log_alarm_pending = snmp_alarm_register(log_interval, 0, log_drops, nullptr) != 0;
 }
 
-void receive_messages(int, void *) {
-    ruma::leave_request();
-    pmb_message message;
-    for (int i = 0; i < max_messages_per_event && receiver.receive(message); ++i) {
-        if (!ruma::is_copy_status(message))
-            ++refused;
-        else if (!ruma::is_child(message.sender_pid))
-            ++strange;
-        else if (!ruma::deliver_copy_status(message, ruma::find_copy_module()))
-            ++unwanted;
+void receive_message(pmb_message &message, const ruma::CopyModule &module) {
+    if (!ruma::is_copy_status(message)) {
+        ++refused;
+    } else if (!ruma::is_child(message.sender_pid)) {
+        ++strange;
+    } else if (ruma::deliver_copy_status(message, module)) {
+        workers.reported(message.sender_pid);
+    } else {
+        ++unwanted;
     }
+}
+
+// Receives what has arrived, up to a limit. Returns whether nothing is left.
+bool receive_messages(const ruma::CopyModule &module) {
+    pmb_message message;
+    for (int i = 0; i < max_messages_per_event && receiver.receive(message); ++i)
+        receive_message(message, module);
     if (dropped() != logged && !log_alarm_pending)
         log_drops(0, nullptr);
+    return !receiver.waiting();
+}
+
+void take_leave_of(const ruma::LostCopy &lost, const ruma::CopyModule &module) {
+    if (ruma::is_in_progress(lost.start, module))
+        snmp_log(LOG_WARNING, "ruma_agent: the worker of copy %" PRIu32 " %s\n",
+                 static_cast<uint32_t>(lost.start.row),
+                 lost.worker > 0 ? "has ended without a report" : "could not be forked");
+    if (ruma::config().report_lost_workers)
+        ruma::report_lost_copy(lost.start, lost.worker, module);
+}
+
+void look(unsigned int, void *);
+
+void look_after(std::chrono::microseconds wait) {
+    if (look_alarm != 0)
+        snmp_alarm_unregister(look_alarm);
+    timeval interval{};
+    interval.tv_sec = static_cast<decltype(interval.tv_sec)>(wait.count() / 1000000);
+    interval.tv_usec = static_cast<decltype(interval.tv_usec)>(wait.count() % 1000000);
+    look_alarm = snmp_alarm_register_hr(interval, 0, look, nullptr);
+}
+
+// One turn for messages and workers together: their order matters. A worker sends before it ends,
+// so that its message, if there is one, is in the queue when its end has been seen.
+void take_turn() {
+    ruma::leave_request();
+    try {
+        const ruma::CopyModule module = ruma::find_copy_module();
+        workers.settle(module);
+        workers.note_ended();
+        if (receive_messages(module))
+            for (const ruma::LostCopy &lost : workers.take_lost())
+                take_leave_of(lost, module);
+        if (const auto wait = workers.next_look())
+            look_after(*wait);
+    } catch (const std::bad_alloc &) {
+        look_after(std::chrono::seconds(1));
+    }
+}
+
+void look(unsigned int, void *) {
+    look_alarm = 0;
+    take_turn();
+}
+
+void descriptor_is_readable(int, void *) { take_turn(); }
+
+// Runs in the process that forks, before the fork.
+void before_fork() {
+    starting = false;
+    // Only the agent's own thread serves requests.
+    if (is_worker || gettid() != getpid())
+        return;
+    try {
+        starting = workers.before_fork(ruma::find_copy_module());
+        if (starting)
+            look_after(std::chrono::microseconds(1)); // when the request is over
+    } catch (const std::bad_alloc &) {
+        snmp_log(LOG_ERR, "ruma_agent: no memory to watch a worker\n");
+    }
+}
+
+void after_fork_in_child() { is_worker = is_worker || starting; }
+
+void watch_workers() {
+    static bool watching;
+    if (watching)
+        return;
+    watching = true;
+    if (workers.open() != 0 || register_readfd(workers.descriptor(), descriptor_is_readable,
+                                               nullptr) != FD_REGISTERED_OK) {
+        workers.close();
+        snmp_log(LOG_WARNING, "ruma_agent: looks after its workers once a second only\n");
+    }
+    if (pthread_atfork(before_fork, nullptr, after_fork_in_child) != 0)
+        snmp_log(LOG_ERR, "ruma_agent: cannot watch workers\n");
 }
 
 void request_over(unsigned int, void *) {
@@ -114,7 +206,8 @@ void open_receiver() {
         throw std::system_error(
             error, std::generic_category(),
             ruma::pmb_socket_path(ruma::copy_status_node, ruma::copy_status_sap));
-    if (register_readfd(receiver.descriptor(), receive_messages, nullptr) != FD_REGISTERED_OK) {
+    if (register_readfd(receiver.descriptor(), descriptor_is_readable, nullptr) !=
+        FD_REGISTERED_OK) {
         receiver.close();
         throw std::runtime_error("the agent does not watch the message socket");
     }
@@ -151,6 +244,7 @@ __attribute__((visibility("default"))) void deinit_ruma_agent();
 
 void init_ruma_agent() {
     register_access_checks();
+    watch_workers();
     // Reads the configuration while the agent still has the rights that it starts with, and makes
     // the run directory before the modules that come later open the event history in it.
     start_receiving(0, nullptr);

@@ -104,6 +104,17 @@ class Reader {
         return static_cast<uint32_t>(*value);
     }
 
+    // The switch under `key`, off when the key is absent.
+    bool flag(const toml::table &table, std::string_view key) const {
+        const toml::node *node = table.get(key);
+        if (node == nullptr)
+            return false;
+        const auto value = node->value_exact<bool>();
+        if (!value)
+            fail(*node, std::string(key) + " must be true or false");
+        return *value;
+    }
+
     std::string directory(const toml::table &table) const {
         std::string value = required_text(table, "directory", max_directory);
         const toml::node &node = *table.get("directory");
@@ -188,9 +199,11 @@ class Reader {
         const toml::table &core = section(root, "core", {"directory"});
         if (!core.empty())
             result.core_directory = directory(core);
-        const toml::table &agent = section(root, "agent", {"user", "max_rows"});
+        const toml::table &agent =
+            section(root, "agent", {"user", "max_rows", "report_lost_workers"});
         result.agent_user = text(agent, "user", max_user);
         result.max_rows = number(agent, "max_rows", 1, max_max_rows, result.max_rows);
+        result.report_lost_workers = flag(agent, "report_lost_workers");
         return result;
     }
 

@@ -23,6 +23,8 @@ struct Config {
     std::string core_directory; // where core files lie; empty when there are none
     std::string agent_user;     // user that the agent runs as; empty means the daemon's own
     uint32_t max_rows = 10000;  // rows that each writable table holds at most
+    // Whether a worker that ends without its status message completes its row as failed.
+    bool report_lost_workers = false;
 };
 
 // A configuration that cannot be used; what() names the file, the line and the reason.

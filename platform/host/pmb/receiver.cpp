@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -142,6 +143,11 @@ bool PmbReceiver::receive(pmb_message &message) {
         return true;
     }
     return false;
+}
+
+bool PmbReceiver::waiting() const {
+    pollfd socket{socket_.get(), POLLIN, 0};
+    return poll(&socket, 1, 0) > 0;
 }
 
 } // namespace ruma

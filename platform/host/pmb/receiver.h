@@ -43,6 +43,9 @@ class PmbReceiver {
     // Does not block.
     bool receive(pmb_message &message);
 
+    // Tells whether datagrams wait to be received, good ones or not.
+    bool waiting() const;
+
     const PmbCounters &counters() const { return counters_; }
 
   private:

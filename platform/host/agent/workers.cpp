@@ -1,0 +1,210 @@
+#include "agent/workers.h"
+
+#include "evwrap/quiet.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <string>
+#include <sys/epoll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern "C" {
+#include <sys/pidfd.h> // which does not say so itself
+}
+
+namespace ruma {
+namespace {
+
+constexpr std::size_t max_descriptors = 64; // of workers; the agent needs some for itself
+constexpr std::chrono::milliseconds unwatched_interval(1000);
+constexpr std::chrono::milliseconds terminating_interval(50);
+constexpr std::chrono::seconds grace(1); // between SIGTERM and SIGKILL
+
+uint32_t number(const CopyStart &start) { return static_cast<uint32_t>(start.row); }
+
+// All copies in progress, by row.
+std::vector<CopyStart> copies_in_progress(const CopyModule &module) {
+    const QuietTracing quiet;
+    std::vector<CopyStart> found;
+    flashCopyEntry row{};
+    uint32_t last = 0;
+    while (module.get_next_row(&row) == 0 && static_cast<uint32_t>(row.index) > last) {
+        last = static_cast<uint32_t>(row.index);
+        if (row.copyStatus == copy_in_progress)
+            found.push_back({row.index, row.startTimestamp});
+    }
+    return found;
+}
+
+bool holds(const std::vector<CopyStart> &starts, const CopyStart &start) {
+    const auto at =
+        std::lower_bound(starts.begin(), starts.end(), start,
+                         [](const auto &a, const auto &b) { return number(a) < number(b); });
+    return at != starts.end() && *at == start;
+}
+
+// Tells whether a child has ended; also true when it is no child any more. Does not reap it.
+bool has_ended(pid_t pid) {
+    siginfo_t info{};
+    const int result = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    return result == 0 ? info.si_pid == pid : errno == ECHILD;
+}
+
+// Tells whether the process under a name in /proc belongs to a group and is no zombie.
+bool lives_in_group(int processes, const char *name, pid_t group) {
+    const UniqueFd file(
+        openat(processes, (std::string(name) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+    char text[512];
+    const ssize_t size = file ? read(file.get(), text, sizeof text - 1) : -1;
+    if (size <= 0)
+        return false;
+    text[size] = '\0';
+    // PID (NAME) STATE PARENT GROUP; the name can hold anything.
+    const char *end = std::strrchr(text, ')');
+    char state = 0;
+    int parent = 0;
+    int found = 0;
+    return end != nullptr && std::sscanf(end + 1, " %c %d %d", &state, &parent, &found) == 3 &&
+           found == group && state != 'Z' && state != 'X';
+}
+
+// Tells whether somebody of a process group is left who is no zombie; also true when nobody knows.
+bool group_lives(pid_t group) {
+    // The worker may have ended before it had a group of its own.
+    if (kill(-group, 0) != 0 && errno == ESRCH)
+        return false;
+    const std::unique_ptr<DIR, int (*)(DIR *)> processes(opendir("/proc"), closedir);
+    if (processes == nullptr)
+        return true;
+    while (const dirent *entry = readdir(processes.get()))
+        if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9' &&
+            lives_in_group(dirfd(processes.get()), entry->d_name, group))
+            return true;
+    return false;
+}
+
+} // namespace
+
+int CopyWorkers::open() {
+    watched_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    return watched_ ? 0 : errno;
+}
+
+bool CopyWorkers::before_fork(const CopyModule &module) {
+    if (module.get_next_row == nullptr || module.last_worker == nullptr)
+        return false;
+    std::vector<CopyStart> now = copies_in_progress(module);
+    std::vector<CopyStart> fresh;
+    for (const CopyStart &start : now)
+        if (!holds(in_progress_, start))
+            fresh.push_back(start);
+    in_progress_ = std::move(now);
+    // More than one there is only after memory was missing; then nobody knows which it is.
+    if (fresh.size() != 1)
+        return false;
+    settle(module);
+    unsettled_ = fresh.front();
+    return true;
+}
+
+void CopyWorkers::settle(const CopyModule &module) {
+    if (!unsettled_ || module.last_worker == nullptr)
+        return;
+    const CopyStart start = *unsettled_;
+    unsettled_.reset();
+    const pid_t pid = *module.last_worker;
+    workers_.push_back({start, pid, {}, pid > 0 ? Stage::running : Stage::ended, {}});
+    if (pid > 0)
+        watch(workers_.back());
+}
+
+// A worker without a descriptor is looked after once a second: there may be too many, or a kernel
+// without such descriptors.
+void CopyWorkers::watch(Worker &worker) {
+    if (!watched_ || descriptors_ == max_descriptors)
+        return;
+    UniqueFd opened(pidfd_open(worker.pid, 0));
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (!opened || epoll_ctl(watched_.get(), EPOLL_CTL_ADD, opened.get(), &event) != 0)
+        return;
+    worker.descriptor = std::move(opened);
+    ++descriptors_;
+}
+
+void CopyWorkers::unwatch(Worker &worker) {
+    if (!worker.descriptor)
+        return;
+    // A worker forked meanwhile may still hold it: closed here alone, it would stay in the set.
+    epoll_ctl(watched_.get(), EPOLL_CTL_DEL, worker.descriptor.get(), nullptr);
+    worker.descriptor.close();
+    --descriptors_;
+}
+
+void CopyWorkers::reported(pid_t pid) {
+    const auto worker = std::find_if(workers_.begin(), workers_.end(),
+                                     [pid](const Worker &each) { return each.pid == pid; });
+    if (worker == workers_.end())
+        return;
+    unwatch(*worker);
+    workers_.erase(worker);
+}
+
+void CopyWorkers::note_ended() {
+    for (Worker &worker : workers_) {
+        if (worker.stage == Stage::running && has_ended(worker.pid)) {
+            unwatch(worker);
+            worker.stage = Stage::ended;
+        }
+    }
+}
+
+// Signals go only while the worker is unreaped: its id may be another's afterwards.
+bool CopyWorkers::group_gone(Worker &worker) const {
+    if (!is_child(worker.pid) || !group_lives(worker.pid))
+        return true;
+    const Clock::time_point now = Clock::now();
+    if (worker.stage == Stage::ended) {
+        kill(-worker.pid, SIGTERM);
+        worker.stage = Stage::terminating;
+        worker.terminated = now;
+        return false;
+    }
+    if (now - worker.terminated < grace)
+        return false;
+    kill(-worker.pid, SIGKILL);
+    return true;
+}
+
+std::vector<LostCopy> CopyWorkers::take_lost() {
+    std::vector<LostCopy> lost;
+    lost.reserve(workers_.size());
+    const auto gone = [this, &lost](Worker &worker) {
+        if (worker.stage == Stage::running || !group_gone(worker))
+            return false;
+        lost.push_back({worker.start, worker.pid});
+        return true;
+    };
+    workers_.erase(std::remove_if(workers_.begin(), workers_.end(), gone), workers_.end());
+    return lost;
+}
+
+std::optional<std::chrono::milliseconds> CopyWorkers::next_look() const {
+    std::optional<std::chrono::milliseconds> next;
+    for (const Worker &worker : workers_) {
+        if (worker.stage != Stage::running)
+            return terminating_interval;
+        if (!worker.descriptor)
+            next = unwatched_interval;
+    }
+    return next;
+}
+
+} // namespace ruma
