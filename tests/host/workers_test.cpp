@@ -337,6 +337,21 @@ TEST_F(WorkersGroup, ThatIgnoresSigtermIsKilledAfterASecond) {
     EXPECT_EQ(read(told[0], &byte, 1), 0);
 }
 
+// A worker passes it on to its group before it dies of it; this one does not.
+TEST_F(WorkersGroup, OfAWorkerThatSigtermEndedGetsNoSecondOneAndIsKilledAfterASecond) {
+    static int out;
+    out = told[1];
+    const pid_t worker = start_group(
+        [] { std::signal(SIGTERM, [](int) { static_cast<void>(!write(out, "t", 1)); }); });
+    end(worker, SIGTERM);
+    const auto begun = Clock::now();
+    EXPECT_THAT(lost_in_the_end(), testing::ElementsAre(IsLost(7, worker)));
+    EXPECT_GE(Clock::now() - begun, milliseconds(1000));
+    close(told[1]);
+    char byte;
+    EXPECT_EQ(read(told[0], &byte, 1), 0);
+}
+
 TEST_F(WorkersGroup, OfAWorkerThatRunsIsLeftAlone) {
     start_group([] {});
     EXPECT_TRUE(lost_in_the_end().empty());

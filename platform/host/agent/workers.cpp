@@ -50,11 +50,19 @@ bool holds(const std::vector<CopyStart> &starts, const CopyStart &start) {
     return at != starts.end() && *at == start;
 }
 
-// Tells whether a child has ended; also true when it is no child any more. Does not reap it.
-bool has_ended(pid_t pid) {
+// How a child has ended, without reaping it: si_pid is 0 while it runs. Nothing when it is no child
+// any more.
+std::optional<siginfo_t> end_of(pid_t pid) {
     siginfo_t info{};
-    const int result = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
-    return result == 0 ? info.si_pid == pid : errno == ECHILD;
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 &&
+        errno == ECHILD)
+        return {};
+    return info;
+}
+
+bool has_ended(pid_t pid) {
+    const auto end = end_of(pid);
+    return !end || end->si_pid == pid;
 }
 
 // Tells whether the process under a name in /proc belongs to a group and is no zombie.
@@ -168,11 +176,17 @@ void CopyWorkers::note_ended() {
 
 // Signals go only while the worker is unreaped: its id may be another's afterwards.
 bool CopyWorkers::group_gone(Worker &worker) const {
-    if (!is_child(worker.pid) || !group_lives(worker.pid))
+    if (worker.pid <= 0)
+        return true;
+    const auto end = end_of(worker.pid);
+    if (!end || !group_lives(worker.pid))
         return true;
     const Clock::time_point now = Clock::now();
     if (worker.stage == Stage::ended) {
-        kill(-worker.pid, SIGTERM);
+        // One that SIGTERM ended has passed it on. A second one can hit what the first one's
+        // handler in a script has just begun.
+        if (end->si_code != CLD_KILLED || end->si_status != SIGTERM)
+            kill(-worker.pid, SIGTERM);
         worker.stage = Stage::terminating;
         worker.terminated = now;
         return false;

@@ -50,8 +50,9 @@ class CopyWorkers {
     void note_ended();
 
     // Takes the workers that were noted as ended for lost ones: ends their process groups, first by
-    // SIGTERM and a second later by SIGKILL, while the unreaped worker keeps the id from being
-    // another group's. Returns those whose group is gone.
+    // SIGTERM, unless the worker has died of that itself and so passed it on, and a second later by
+    // SIGKILL, while the unreaped worker keeps the id from being another group's. Returns those
+    // whose group is gone.
     std::vector<LostCopy> take_lost();
 
     // When to look again although no descriptor says so; nothing when that is not needed.
