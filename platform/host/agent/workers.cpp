@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -74,13 +74,14 @@ bool lives_in_group(int processes, const char *name, pid_t group) {
     if (size <= 0)
         return false;
     text[size] = '\0';
-    // PID (NAME) STATE PARENT GROUP; the name can hold anything.
+    // "PID (NAME) STATE PARENT GROUP ..."; the name can hold anything.
     const char *end = std::strrchr(text, ')');
-    char state = 0;
-    int parent = 0;
-    int found = 0;
-    return end != nullptr && std::sscanf(end + 1, " %c %d %d", &state, &parent, &found) == 3 &&
-           found == group && state != 'Z' && state != 'X';
+    if (end == nullptr || std::strlen(end) < 4)
+        return false;
+    const char state = end[2];
+    char *parent_end = nullptr;
+    std::strtol(end + 3, &parent_end, 10);
+    return std::strtol(parent_end, nullptr, 10) == group && state != 'Z' && state != 'X';
 }
 
 // Tells whether somebody of a process group is left who is no zombie; also true when nobody knows.
