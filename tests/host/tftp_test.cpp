@@ -1,29 +1,22 @@
+#include "failing_fsync.h"
 #include "tftp/local_result.h"
+#include "tftp_fixture.h"
 
 #include <ruma/tftp.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <poll.h>
-#include <sched.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -31,121 +24,17 @@
 
 namespace {
 
-// What the next calls of fsync fail with; 0 lets one through.
-std::vector<int> fsync_errors;
+using namespace tftp_test;
 
-} // namespace
-
-// Stands before the C library's own.
-extern "C" int fsync(int descriptor) {
-    static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
-    if (!fsync_errors.empty()) {
-        errno = fsync_errors.front();
-        fsync_errors.erase(fsync_errors.begin());
-        if (errno != 0)
-            return -1;
-    }
-    return real(descriptor);
-}
-
-namespace {
-
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-
-constexpr uid_t nobody = 65534;
-
-std::string content(std::size_t size) {
-    std::string text(size, '\0');
-    uint32_t state = 12345;
-    for (char &c : text) {
-        state = state * 1664525 + 1013904223;
-        c = static_cast<char>(state >> 24);
-    }
-    return text;
-}
-
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const fs::path &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-    ASSERT_EQ(read_file(path), text);
-}
-
-unsigned permissions(const fs::path &path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
-
-// A loopback address of this process's own, so that servers of other tests are not in the way.
-std::string own_address() {
-    const auto pid = static_cast<unsigned>(getpid());
-    return "127." + std::to_string(64 + (pid >> 16) % 64) + "." + std::to_string(pid >> 8 & 255) +
-           "." + std::to_string(pid & 255);
-}
-
-sockaddr_in socket_address(const std::string &host, uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
-    return address;
-}
-
-double seconds_of(const std::function<void()> &body) {
-    const auto began = Clock::now();
-    body();
-    return std::chrono::duration<double>(Clock::now() - began).count();
-}
-
-// Each test has a directory "local" of its own and one "server", writable by the server's user.
-class Tftp : public testing::Test {
-  protected:
-    void SetUp() override {
-        char path[] = "/tmp/tftp_test.XXXXXX";
-        ASSERT_NE(mkdtemp(path), nullptr);
-        ASSERT_EQ(chmod(path, 0755), 0);
-        top = path;
-        local = top / "local";
-        server = top / "server";
-        fs::create_directory(local);
-        fs::create_directory(server);
-        ASSERT_EQ(chmod(server.c_str(), 0777), 0);
-        ASSERT_EQ(chdir(local.c_str()), 0);
-        ASSERT_EQ(tftp_timeout_set(20), 0);
-        ASSERT_EQ(tftp_connect(own_address().c_str(), -1), 0);
-    }
-
-    void TearDown() override {
-        ASSERT_EQ(chdir("/"), 0);
-        fs::remove_all(top);
-    }
-
-    // Mounts a file system of 64 KiB, gone with this process at the latest.
-    void mount_small(const fs::path &where) {
-        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount("tmpfs", where.c_str(), "tmpfs", 0, "size=64k,mode=0777"), 0);
-    }
-
-    std::vector<std::string> local_files() const {
-        std::vector<std::string> names;
-        for (const auto &entry : fs::directory_iterator(local))
-            names.push_back(entry.path().filename());
-        return names;
-    }
-
-    fs::path top;
-    fs::path local;
-    fs::path server;
-};
-
-// With a real server.
+// With a real server, whose user may write in its directory.
 class TftpServed : public Tftp {
   protected:
+    void SetUp() override {
+        Tftp::SetUp();
+        fs::create_directory(server);
+        ASSERT_EQ(chmod(server.c_str(), 0777), 0);
+    }
+
     void TearDown() override {
         stop();
         Tftp::TearDown();
@@ -153,8 +42,8 @@ class TftpServed : public Tftp {
 
     void start(const std::vector<std::string> &options = {}) {
         std::vector<std::string> words{
-            "atftpd",    "--daemon", "--no-fork", "--user",         "nobody.nogroup", "--logfile",
-            top / "log", "--port",   "69",        "--bind-address", own_address()};
+            "atftpd",      "--daemon", "--no-fork", "--user",         "nobody.nogroup", "--logfile",
+            above / "log", "--port",   "69",        "--bind-address", own_address()};
         words.insert(words.end(), options.begin(), options.end());
         words.push_back(server);
         std::vector<char *> arguments;
@@ -196,6 +85,8 @@ class TftpServed : public Tftp {
         EXPECT_THAT(local_files(), testing::UnorderedElementsAre("here", "sent"));
     }
 
+    const fs::path server = above / "server";
+
   private:
     // Waits until the server holds its port.
     void await_port() {
@@ -235,14 +126,6 @@ INSTANTIATE_TEST_SUITE_P(Bytes, TftpSizes,
                          testing::Values(0, 1, 511, 512, 513, 1024, 1467, 1468, 1469, 2936,
                                          1048576),
                          testing::PrintToStringParamName());
-
-TEST_F(TftpServed, BlockNumbersMayWrap) {
-    start({"--no-blksize"});
-    const std::string text = content(std::size_t{64} << 20);
-    write_file(server / "there", text);
-    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
-    EXPECT_TRUE(read_file(local / "here") == text);
-}
 
 TEST_F(TftpServed, ANewFileIsItsOwnersAlone) {
     start();
@@ -403,16 +286,6 @@ TEST_F(TftpServed, AnAbsoluteNameKeepsItsSlash) {
     EXPECT_EQ(read_file(local / "here"), "text");
 }
 
-TEST_F(TftpServed, ProxiesOfTheEnvironmentAreIgnored) {
-    start();
-    setenv("all_proxy", "http://127.0.0.1:1", 1);
-    setenv("tftp_proxy", "http://127.0.0.1:1", 1);
-    write_file(server / "there", "text");
-    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
-    unsetenv("all_proxy");
-    unsetenv("tftp_proxy");
-}
-
 TEST_F(TftpServed, TwoTransfersInARowWork) {
     start();
     write_file(server / "one", "1");
@@ -435,220 +308,6 @@ TEST_F(TftpServed, AForkedChildTransfersAfterItsParentDid) {
     EXPECT_EQ(read_file(local / "child"), "text");
 }
 
-// With a server that is played by the test, one datagram at a time.
-class TftpPlayed : public Tftp {
-  protected:
-    using Bytes = std::string;
-    // Answers one datagram; an empty answer is silence.
-    using Script = std::function<Bytes(const Bytes &)>;
-
-    void SetUp() override {
-        Tftp::SetUp();
-        socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in address = socket_address(own_address(), 69);
-        ASSERT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    }
-
-    void TearDown() override {
-        if (thread_.joinable()) {
-            ended_ = true;
-            thread_.join();
-        }
-        close(socket_);
-        Tftp::TearDown();
-    }
-
-    void play(const Script &script) {
-        thread_ = std::thread([this, script] {
-            while (!ended_) {
-                pollfd wait{socket_, POLLIN, 0};
-                if (poll(&wait, 1, 20) != 1)
-                    continue;
-                char buffer[2048];
-                sockaddr_in client{};
-                socklen_t length = sizeof client;
-                const ssize_t size = recvfrom(socket_, buffer, sizeof buffer, 0,
-                                              reinterpret_cast<sockaddr *>(&client), &length);
-                const Bytes answer = script(Bytes(buffer, static_cast<std::size_t>(size)));
-                if (!answer.empty())
-                    sendto(socket_, answer.data(), answer.size(), 0,
-                           reinterpret_cast<const sockaddr *>(&client), length);
-            }
-        });
-    }
-
-    static Bytes word(unsigned value) {
-        return {static_cast<char>(value >> 8), static_cast<char>(value & 255)};
-    }
-    static Bytes data(unsigned block, std::size_t size) {
-        return word(3) + word(block) + Bytes(size, 'd');
-    }
-    static Bytes acknowledgement(unsigned block) { return word(4) + word(block); }
-    static Bytes error(unsigned code) { return word(5) + word(code) + Bytes("no\0", 3); }
-    static unsigned opcode(const Bytes &bytes) { return static_cast<unsigned char>(bytes.at(1)); }
-    static unsigned block(const Bytes &bytes) {
-        return static_cast<unsigned>(static_cast<unsigned char>(bytes.at(2)) << 8 |
-                                     static_cast<unsigned char>(bytes.at(3)));
-    }
-
-    void expect_time_out(const std::function<int()> &transfer) {
-        ASSERT_EQ(tftp_timeout_set(3), 0);
-        int result = 0;
-        const double took = seconds_of([&] { result = transfer(); });
-        EXPECT_EQ(result, -ETIMEDOUT);
-        EXPECT_GE(took, 2.5);
-        EXPECT_LE(took, 5.0);
-    }
-
-  private:
-    int socket_ = -1;
-    std::atomic<bool> ended_{false};
-    std::thread thread_;
-};
-
-TEST_F(TftpPlayed, AServerThatNeverAnswersAGetTimesOut) {
-    expect_time_out([&] { return tftp_get2("there", (local / "here").c_str(), 0); });
-    EXPECT_THAT(local_files(), testing::IsEmpty());
-}
-
-TEST_F(TftpPlayed, AServerThatNeverAnswersAPutTimesOut) {
-    write_file(local / "sent", "text");
-    expect_time_out([&] { return tftp_put("sent", 0); });
-}
-
-TEST_F(TftpPlayed, AServerThatStallsInAGetTimesOut) {
-    play([](const Bytes &bytes) {
-        if (opcode(bytes) == 1)
-            return data(1, 512);
-        return opcode(bytes) == 4 && block(bytes) < 5 ? data(block(bytes) + 1, 512) : Bytes();
-    });
-    expect_time_out([&] { return tftp_get2("there", (local / "here").c_str(), 0); });
-    EXPECT_THAT(local_files(), testing::IsEmpty());
-}
-
-TEST_F(TftpPlayed, AServerThatStallsInAPutTimesOut) {
-    write_file(local / "sent", content(10000));
-    play([](const Bytes &bytes) {
-        if (opcode(bytes) == 2)
-            return acknowledgement(0);
-        return opcode(bytes) == 3 && block(bytes) < 5 ? acknowledgement(block(bytes)) : Bytes();
-    });
-    expect_time_out([&] { return tftp_put("sent", 0); });
-}
-
-TEST_F(TftpPlayed, AServerThatOnlyRepeatsItselfTimesOut) {
-    play([](const Bytes &) { return data(1, 512); });
-    expect_time_out([&] { return tftp_get2("there", (local / "here").c_str(), 0); });
-}
-
-TEST_F(TftpPlayed, ASlowTransferThatMovesIsNotCut) {
-    ASSERT_EQ(tftp_timeout_set(2), 0);
-    play([](const Bytes &bytes) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        const unsigned next = opcode(bytes) == 1 ? 1 : block(bytes) + 1;
-        return data(next, next < 10 ? 512 : 1);
-    });
-    EXPECT_GE(seconds_of([&] { EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0); }),
-              4.0);
-    EXPECT_EQ(fs::file_size(local / "here"), 9 * 512 + 1U);
-}
-
-TEST_F(TftpPlayed, LargeBlocksAreNegotiated) {
-    std::string request;
-    play([&](const Bytes &bytes) {
-        if (opcode(bytes) == 1) {
-            request = bytes;
-            return word(6) + Bytes("blksize\0001468\0", 13);
-        }
-        return data(block(bytes) + 1, block(bytes) == 0 ? 1468 : 1);
-    });
-    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
-    EXPECT_THAT(request, testing::HasSubstr(Bytes("blksize\0001468\0", 13)));
-    EXPECT_EQ(fs::file_size(local / "here"), 1469U);
-}
-
-TEST_F(TftpPlayed, ANameOf255BytesIsSentWhole) {
-    const Bytes name(255, 'r');
-    Bytes request;
-    play([&](const Bytes &bytes) {
-        if (opcode(bytes) != 1)
-            return Bytes();
-        request = bytes;
-        return data(1, 1);
-    });
-    EXPECT_EQ(tftp_get2(name.c_str(), (local / "here").c_str(), 0), 0);
-    EXPECT_THAT(request, testing::StartsWith(word(1) + name + Bytes("\0octet\0", 7)));
-}
-
-TEST_F(TftpPlayed, AServerThatRefusesOptionsIsAskedWithout) {
-    play([](const Bytes &bytes) {
-        if (opcode(bytes) == 1)
-            return bytes.find("blksize") != Bytes::npos ? error(8) : data(1, 3);
-        return Bytes();
-    });
-    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), 0);
-    EXPECT_EQ(read_file(local / "here"), "ddd");
-}
-
-TEST_F(TftpPlayed, AServerThatRefusesOptionsIsSentTheWholeFile) {
-    write_file(local / "sent", content(700));
-    std::atomic<std::size_t> received{0};
-    play([&](const Bytes &bytes) {
-        if (opcode(bytes) == 2)
-            return bytes.find("blksize") != Bytes::npos ? error(8) : acknowledgement(0);
-        received += bytes.size() - 4;
-        return acknowledgement(block(bytes));
-    });
-    EXPECT_EQ(tftp_put("sent", 0), 0);
-    EXPECT_EQ(received, 700U);
-}
-
-TEST_F(TftpPlayed, ErrorsOfTheServerAreToldApart) {
-    const std::pair<unsigned, int> errors[] = {{0, EPROTO}, {1, ENOENT}, {2, EACCES}, {3, ENOSPC},
-                                               {4, EPROTO}, {6, EEXIST}, {7, EPERM}};
-    std::atomic<unsigned> code{0};
-    play([&](const Bytes &) { return error(code); });
-    for (const auto &[sent, expected] : errors) {
-        SCOPED_TRACE(sent);
-        code = sent;
-        EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), -(100 + expected));
-    }
-}
-
-TEST_F(TftpPlayed, AKilledTransferLeavesNothing) {
-    std::atomic<int> blocks{0};
-    play([&](const Bytes &bytes) {
-        if (opcode(bytes) == 1)
-            return data(1, 512);
-        blocks = static_cast<int>(block(bytes));
-        return blocks < 5 ? data(block(bytes) + 1, 512) : Bytes();
-    });
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(tftp_get2("there", (local / "here").c_str(), 0) == 0 ? 0 : 1);
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    while (blocks < 5 && Clock::now() < deadline)
-        std::this_thread::yield();
-    kill(child, SIGKILL);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    EXPECT_EQ(blocks, 5);
-    EXPECT_THAT(local_files(), testing::IsEmpty());
-}
-
-TEST_F(Tftp, AnotherPortThanTheProtocolsOwnIsUsed) {
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = socket_address(own_address(), 0);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(socket, reinterpret_cast<const sockaddr *>(&address), length), 0);
-    ASSERT_EQ(getsockname(socket, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    ASSERT_EQ(tftp_connect(own_address().c_str(), ntohs(address.sin_port)), 0);
-    ASSERT_EQ(tftp_timeout_set(1), 0);
-    EXPECT_EQ(tftp_get2("there", (local / "here").c_str(), 0), -ETIMEDOUT);
-    pollfd wait{socket, POLLIN, 0};
-    EXPECT_EQ(poll(&wait, 1, 0), 1);
-    close(socket);
-}
-
 TEST_F(Tftp, AServerThatIsNoDottedQuadIsRefused) {
     for (const char *server_name : {"", "localhost", "127.0.0", "127.0.0.1.1", "127.0.0.256",
                                     "127.0.0.1 ", "::1", "127.0.0.1/x", "1"})
@@ -668,9 +327,17 @@ TEST_F(Tftp, ATimeThatIsNotPositiveIsRefused) {
 
 TEST_F(Tftp, AMissingLocalFileIsNoSuchFile) { EXPECT_EQ(tftp_put("missing", 0), -ENOENT); }
 
-TEST_F(Tftp, ADirectoryIsNotSent) {
+TEST_F(Tftp, WhatIsNoRegularFileIsNotSentAndNotWaitedFor) {
     fs::create_directory(local / "directory");
     EXPECT_EQ(tftp_put("directory", 0), -EISDIR);
+    ASSERT_EQ(mkfifo("fifo", 0600), 0);
+    EXPECT_EQ(tftp_put("fifo", 0), -EINVAL);
+    EXPECT_EQ(tftp_put("/dev/zero", 0), -EINVAL);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address{AF_UNIX, "socket"};
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(tftp_put("socket", 0), -ENXIO);
+    close(listener);
 }
 
 TEST_F(Tftp, AnUnreadableLocalFileIsNoAccess) {
@@ -687,7 +354,7 @@ TEST_F(Tftp, AnEmptyRemoteNameIsRefused) {
 }
 
 TEST_F(Tftp, ARemoteNameThatFitsNoRequestIsRefused) {
-    EXPECT_EQ(tftp_get2(std::string(600, 'r').c_str(), (local / "here").c_str(), 0), -ENAMETOOLONG);
+    EXPECT_EQ(tftp_get2(std::string(504, 'r').c_str(), (local / "here").c_str(), 0), -ENAMETOOLONG);
 }
 
 TEST_F(Tftp, MissingArgumentsAreRefused) {

@@ -1,5 +1,7 @@
 #include "tftp/incoming_file.h"
 
+#include "tftp/directory.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,41 +13,46 @@
 namespace ruma {
 namespace {
 
-constexpr int max_name_attempts = 100;
-
 // The path of an open file that link() can follow to its content.
 std::string descriptor_path(int descriptor) {
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// The directory that holds `path`, with a slash at its end. Names made in it are short, so that
-// every name that the destination may have is possible.
-std::string directory_of(const std::string &path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+// Tries random names until `make` takes one, which is returned. Empty with errno set when it does
+// not. Names are short, so that every name that the destination may have is possible.
+template <typename Make>
+std::string make_temporary(const Make &make) {
+    constexpr int max_attempts = 100;
+    for (int i = 0; i < max_attempts; ++i) {
+        char name[16];
+        std::snprintf(name, sizeof name, ".tftp-%06lx",
+                      static_cast<unsigned long>(arc4random()) & 0xffffff);
+        if (make(name))
+            return name;
+        if (errno != EEXIST)
+            break;
+    }
+    return {};
 }
-
-// Makes the names in a directory durable. One that may not be read, or a file system that knows no
-// such thing, has to do without.
-int sync_directory(const std::string &path) {
-    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory || fsync(directory.get()) == 0 || errno == EINVAL)
-        return 0;
-    return errno;
-}
-
-constexpr const char *temporary_prefix = ".tftp-";
 
 } // namespace
 
 IncomingFile::~IncomingFile() {
     if (!temporary_.empty())
-        unlink(temporary_.c_str());
+        unlinkat(directory_.get(), temporary_.c_str(), 0);
 }
 
 int IncomingFile::open(const std::string &destination) {
+    const auto slash = destination.rfind('/');
+    name_ = destination.substr(slash + 1); // the whole without a slash: npos + 1 is 0
+    directory_ =
+        open_directory(slash == std::string::npos ? "." : destination.substr(0, slash + 1));
+    if (!directory_)
+        return errno;
+    if (name_.empty())
+        return EISDIR;
     struct stat status {};
-    if (lstat(destination.c_str(), &status) == 0) {
+    if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         if (S_ISDIR(status.st_mode))
             return EISDIR;
         if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
@@ -55,37 +62,35 @@ int IncomingFile::open(const std::string &destination) {
     } else if (errno != ENOENT) {
         return errno;
     }
-    destination_ = destination;
     if (access("/proc/self/fd", X_OK) == 0)
-        file_ = UniqueFd(
-            ::open(directory_of(destination).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+        file_ = UniqueFd(openat(directory_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
     return file_ ? 0 : open_named();
 }
 
 int IncomingFile::open_named() {
-    temporary_ = directory_of(destination_) + temporary_prefix + "XXXXXX";
-    file_ = UniqueFd(mkostemp(temporary_.data(), O_CLOEXEC));
-    if (file_)
-        return 0;
-    temporary_.clear();
-    return errno;
+    temporary_ = make_temporary([this](const char *name) {
+        file_ = UniqueFd(openat(directory_.get(), name,
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        return static_cast<bool>(file_);
+    });
+    return temporary_.empty() ? errno : 0;
 }
 
 int IncomingFile::give_name() {
     const std::string source = descriptor_path(file_.get());
-    for (int i = 0; i < max_name_attempts; ++i) {
-        char suffix[16];
-        std::snprintf(suffix, sizeof suffix, "%06lx",
-                      static_cast<unsigned long>(arc4random()) & 0xffffff);
-        std::string name = directory_of(destination_) + temporary_prefix + suffix;
-        if (linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
-            temporary_ = std::move(name);
-            return 0;
-        }
-        if (errno != EEXIST)
-            return errno;
-    }
-    return EEXIST;
+    temporary_ = make_temporary([this, &source](const char *name) {
+        return linkat(AT_FDCWD, source.c_str(), directory_.get(), name, AT_SYMLINK_FOLLOW) == 0;
+    });
+    return temporary_.empty() ? errno : 0;
+}
+
+// Makes the names in the directory durable. One that may not be read, or a file system that knows
+// no such thing, has to do without.
+int IncomingFile::sync_directory() const {
+    const UniqueFd directory(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || fsync(directory.get()) == 0 || errno == EINVAL)
+        return 0;
+    return errno;
 }
 
 int IncomingFile::commit() {
@@ -95,10 +100,10 @@ int IncomingFile::commit() {
         if (const int error = give_name())
             return error;
     }
-    if (rename(temporary_.c_str(), destination_.c_str()) != 0)
+    if (renameat(directory_.get(), temporary_.c_str(), directory_.get(), name_.c_str()) != 0)
         return errno;
     temporary_.clear();
-    return sync_directory(directory_of(destination_));
+    return sync_directory();
 }
 
 } // namespace ruma

@@ -9,10 +9,12 @@
 
 namespace ruma {
 
-// The content is collected in a file without a name where the file system can do that, so that
-// nothing is left of it when the process is killed; else in a file ".tftp-" and six random
-// characters beside the destination. Without commit() the destination is left alone and nothing
-// else remains.
+// The directory of the destination is opened once, without following a symbolic link anywhere on
+// its path, and all names are made, linked and renamed in that very directory, whatever stands at
+// its path by then. The content is collected in a file without a name where the file system can do
+// that, so that nothing is left of it when the process is killed; else in a file ".tftp-" and six
+// random characters beside the destination; in both cases with the mode 0600. Without commit() the
+// destination is left alone and nothing else remains.
 class IncomingFile {
   public:
     IncomingFile() = default;
@@ -22,7 +24,8 @@ class IncomingFile {
 
     // Prepares to replace or create `destination`. A file that is replaced hands its permission
     // bits on, a new one has 0600; a symbolic link is itself replaced. Returns 0 or an errno:
-    // EISDIR for a directory, EINVAL for anything else that is no file.
+    // EISDIR for a directory, EINVAL for anything else that is no file, ELOOP for a link on the way
+    // to it.
     int open(const std::string &destination);
 
     // Where to write the content.
@@ -35,8 +38,10 @@ class IncomingFile {
   private:
     int open_named();
     int give_name();
+    int sync_directory() const;
 
-    std::string destination_;
+    UniqueFd directory_;
+    std::string name_;
     std::string temporary_; // empty while the content has no name
     mode_t mode_ = 0600;
     UniqueFd file_;
