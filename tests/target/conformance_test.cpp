@@ -25,11 +25,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <poll.h>
 #include <set>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -440,6 +442,17 @@ class SilentServer {
     SilentServer &operator=(const SilentServer &) = delete;
     int port() const { return port_; }
 
+    // The sender of the next request; none within the time when its family is 0.
+    sockaddr_in client(int milliseconds) const {
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        pollfd wait{socket_, POLLIN, 0};
+        char byte = 0;
+        if (poll(&wait, 1, milliseconds) == 1)
+            recvfrom(socket_, &byte, 1, 0, reinterpret_cast<sockaddr *>(&address), &size);
+        return address;
+    }
+
   private:
     int socket_;
     int port_ = 0;
@@ -454,6 +467,47 @@ TEST_F(Files, ASilentServerEndsTheFetchInTimeAndTheFileIsAsItWas) {
     EXPECT_LT(tftp_get2("image.bin", (directory() / "file").c_str(), 0), 0);
     EXPECT_LT(Clock::now() - began, std::chrono::seconds(10));
     EXPECT_EQ(content(directory() / "file"), "what was there");
+}
+
+TEST_F(Files, AnAnswerOfAnotherAddressIsNotTaken) {
+    const SilentServer server;
+    ASSERT_EQ(tftp_timeout_set(1), 0);
+    ASSERT_EQ(tftp_connect("127.0.0.1", server.port()), 0);
+    const int other = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    std::thread stranger([&] {
+        const sockaddr_in client = server.client(5000);
+        EXPECT_EQ(client.sin_family, AF_INET) << "no request";
+        const char packet[] = {0, 3, 0, 1, 'x'};
+        sendto(other, packet, sizeof packet, 0, reinterpret_cast<const sockaddr *>(&client),
+               sizeof client);
+    });
+    EXPECT_LT(tftp_get2("image.bin", (directory() / "file").c_str(), 0), 0);
+    stranger.join();
+    close(other);
+    EXPECT_FALSE(fs::exists(directory() / "file"));
+}
+
+TEST_F(Files, ALinkOnTheWayToADestinationIsNotFollowed) {
+    const SilentServer server;
+    fs::create_directory(directory() / "other");
+    fs::create_directory_symlink("other", directory() / "link");
+    ASSERT_EQ(tftp_timeout_set(1), 0);
+    ASSERT_EQ(tftp_connect("127.0.0.1", server.port()), 0);
+    EXPECT_EQ(tftp_get2("image.bin", (directory() / "link" / "file").c_str(), 0), -ELOOP);
+    EXPECT_EQ(server.client(0).sin_family, 0) << "the server was asked";
+}
+
+TEST_F(Files, WhatIsNoRegularFileIsNotSentAndNotWaitedFor) {
+    const SilentServer server;
+    ASSERT_EQ(tftp_connect("127.0.0.1", server.port()), 0);
+    ASSERT_EQ(mkfifo((directory() / "fifo").c_str(), 0600), 0);
+    for (const fs::path &path : {directory() / "fifo", directory()})
+        EXPECT_LT(tftp_put(path.c_str(), 0), 0) << path;
+    EXPECT_EQ(server.client(0).sin_family, 0) << "the server was asked";
 }
 
 TEST_F(Files, AFileThatIsMissingHereIsNotSent) {

@@ -39,9 +39,11 @@ bool says_port_unreachable(msghdr *message) {
 
 int Peer::open() {
     socket_ = UniqueFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    if (!socket_ || setsockopt(socket_.get(), IPPROTO_IP, IP_RECVERR, &on, sizeof on) != 0)
+    if (!socket_)
         return errno;
+    // A system that keeps no error queue lets a closed port be one that does not answer.
+    const int on = 1;
+    static_cast<void>(setsockopt(socket_.get(), IPPROTO_IP, IP_RECVERR, &on, sizeof on));
     return 0;
 }
 
