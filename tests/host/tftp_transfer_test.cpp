@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -140,6 +141,26 @@ TEST_F(TftpPlayed, ADoubledAcknowledgementBringsNoBlockTwice) {
               }),
               0);
     EXPECT_EQ(packets, 0);
+}
+
+TEST_F(TftpPlayed, OnlyTheAcknowledgementOfTheBlockSentBringsTheNext) {
+    write_file(local / "sent", content(3 * std::size_t{512}));
+    EXPECT_EQ(put_to([](Played &server) {
+                  server.request();
+                  server.exchange(ack(0));
+                  EXPECT_EQ(block_of(server.exchange(ack(1))), 2);
+                  for (const uint16_t block : std::initializer_list<uint16_t>{0, 1, 3, 65535})
+                      server.send(ack(block));
+                  // Answered when all of those have been seen.
+                  Socket foreign(own_address());
+                  foreign.send(ack(2), server.client);
+                  EXPECT_THAT(foreign.receive(), IsError(5));
+                  EXPECT_EQ(server.waiting(), 0);
+                  EXPECT_EQ(block_of(server.exchange(ack(2))), 3);
+                  EXPECT_EQ(block_of(server.exchange(ack(3))), 4);
+                  server.send(ack(4));
+              }),
+              0);
 }
 
 TEST_F(TftpPlayed, BlockNumbersRollOverInAGet) {
