@@ -517,6 +517,25 @@ TYPED_TEST(RowStatus, ANewRowThatCannotBeWrittenIsRemovedForCreateAndGoAndCreate
     }
 }
 
+TYPED_TEST(RowStatus, Reserve1OfARowThatCannotBeLookedUpIsAGeneralErrorAndChangesNothing) {
+    for (bool row : {false, true})
+        for (int32_t result : {int32_t{flash::failure}, -1, 1})
+            for (long value : {1L, 2L, 4L, 5L, 6L}) {
+                SCOPED_TRACE(testing::Message() << value << " with result " << result);
+                fakes::empty_tables();
+                if (row)
+                    this->add(7, flash::rowNotReady);
+                const std::string before = this->whole(7);
+                forget();
+                TypeParam::look_up().returns(result);
+                EXPECT_EQ(this->call(reserve1, 7, value), general_error);
+                this->expect_traces(
+                    {this->start(), TypeParam::progress_asked(value, row), this->adding()});
+                EXPECT_THAT(container_calls("ordset_add"), IsEmpty());
+                EXPECT_EQ(this->whole(7), before);
+            }
+}
+
 // RESERVE1: present rows
 
 TYPED_TEST(RowStatus, Reserve1StoresTheValueInAPresentRow) {

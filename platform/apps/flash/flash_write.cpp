@@ -678,7 +678,10 @@ int reserve_row_status(const Value &value, bool present, int32_t index) {
     flash_trace(traceDebug, "Adding a new row with all values 0\n");
     Row row{};
     row.index = index;
-    if (get(&row) != success) {
+    const int32_t found = get(&row);
+    if (found != success && found != noSuchRow)
+        return SNMP_ERR_GENERR;
+    if (found == noSuchRow) {
         if (wanted == rowDestroy)
             return SNMP_ERR_NOERROR;
         if (!create_row(row))
