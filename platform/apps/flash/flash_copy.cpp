@@ -33,7 +33,8 @@ int32_t flash_copy_pid;
 
 namespace {
 
-// The worker reaped last: its process id may belong to anybody now.
+// The worker named by flash_copy_pid once that very one has been reaped, else 0: its process id may
+// belong to anybody then. Kept as the id, so that it says nothing of an id set from outside.
 pid_t reapedWorker;
 
 // --- The worker's surroundings -------------------------------------------------------------------
@@ -490,7 +491,8 @@ pid_t wait_for(int32_t worker) {
     do
         result = waitpid(worker, nullptr, 0);
     while (result == -1 && errno == EINTR);
-    if (result > 0 || errno == ECHILD) // somebody else may have reaped it
+    const bool gone = result > 0 || errno == ECHILD; // somebody else may have reaped it
+    if (gone && worker == flash_copy_pid)
         reapedWorker = worker;
     return result;
 }
