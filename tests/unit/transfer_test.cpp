@@ -620,6 +620,7 @@ struct Script {
     const char *command_message;
     const char *exit_message;
     const char *mode_message; // of a mode that cannot be set; null for a script whose mode is not
+    uint32_t mode_level;
     int32_t status_of_exit_4;
 };
 std::ostream &operator<<(std::ostream &out, const Script &script) { return out << script.name; }
@@ -638,6 +639,7 @@ const Script scripts[] = {
      "do_flash_upload_download : Command being executed for FTP: ",
      "do_flash_upload_download : Return code from ftp.expect is  ",
      nullptr,
+     0,
      14},
     {"Scp",
      5,
@@ -655,6 +657,7 @@ const Script scripts[] = {
      "do_flash_upload_download : Return code from scp.expect is  ",
      "do_flash_upload_download : Could not change the file permissions to 666 after successful "
      "scp copy. ret_code1=-1\n",
+     error_level,
      18},
     {"Sftp",
      6,
@@ -670,6 +673,7 @@ const Script scripts[] = {
      "do_flash_upload_download : Return code from sftp.expect is  ",
      "do_flash_upload_download : Could not change the file permissions to 666 after successful "
      "sftp copy. ret_code1=-1\n",
+     debug_level,
      14},
 };
 
@@ -851,8 +855,13 @@ TEST_P(ScriptTest, AModeThatCannotBeSetNeverFailsTheCopy) {
         os().chmod.always(-1, ENOENT);
         EXPECT_EQ(transfer(direction, row), flash::success);
         EXPECT_EQ(row.copyStatus, untouched_status);
+        const Trace exit_trace{debug_level, std::string(script.exit_message) + "0\n"};
+        const Trace last = script.mode_message == nullptr
+                               ? exit_trace
+                               : Trace{script.mode_level, script.mode_message};
+        EXPECT_EQ(fakes::last_trace(), last);
         EXPECT_EQ(fakes::trace_texts(error_level),
-                  script.mode_message == nullptr ? Lines{} : Lines{script.mode_message});
+                  script.mode_level == error_level ? Lines{script.mode_message} : Lines{});
     }
 }
 

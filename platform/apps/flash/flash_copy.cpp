@@ -113,10 +113,10 @@ const char *last_component(const char *path) {
     return slash == nullptr ? nullptr : slash + 1;
 }
 
-void make_readable(const char *path, const char *protocol) {
+void make_readable(const char *path, const char *protocol, TraceSubtype failureSubtype) {
     const int result = chmod(path, 0666);
     if (result != 0)
-        flash_trace(traceError,
+        flash_trace(failureSubtype,
                     "%s : Could not change the file permissions to 666 after successful %s copy. "
                     "ret_code1=%d\n",
                     transferName, protocol, result);
@@ -158,7 +158,7 @@ int32_t tftp_fetch(flashCopyEntry *entry) {
     }
     flash_trace(traceDebug, "DEBUG :%s :  File %s is downloaded\n", transferName, source);
     snmp_log(LOG_DEBUG, "DEBUG: file:%s downloaded. \n", source);
-    make_readable(entry->destinationPath, "tftp");
+    make_readable(entry->destinationPath, "tftp", traceError);
     return success;
 }
 
@@ -305,7 +305,8 @@ struct Script {
     const char *name;      // in the trace of its exit code
     const char *spoken;    // in the trace of its command line
     const char *chmodName; // in the trace of a failed mode change; null when modes are left alone
-    const char *beginning; // traced first, or null
+    TraceSubtype chmodSubtype; // of that trace
+    const char *beginning;     // traced first, or null
     const char *putting;
     bool pathFirst; // the trace of a get prints the destination first
     int32_t exitCode4;
@@ -329,6 +330,7 @@ constexpr Script scripts[] = {
      .name = "ftp.expect",
      .spoken = "FTP",
      .chmodName = nullptr,
+     .chmodSubtype = traceDebug,
      .beginning = nullptr,
      .putting = "%s : Putting the file (%s)to the server (%s)\n",
      .pathFirst = false,
@@ -342,6 +344,7 @@ constexpr Script scripts[] = {
      .name = "scp.expect",
      .spoken = "FTP",
      .chmodName = "scp",
+     .chmodSubtype = traceError,
      .beginning = "%s : Copying thorugh SCP......\n",
      .putting = "%s : SCP: Putting the file (%s)to the server (%s)\n",
      .pathFirst = true,
@@ -363,6 +366,7 @@ constexpr Script scripts[] = {
      .name = "sftp.expect",
      .spoken = "SFTP",
      .chmodName = "sftp",
+     .chmodSubtype = traceDebug, // unlike the others', deliberately
      .beginning = nullptr,
      .putting = "%s : Putting the file (%s)to the server (%s)\n",
      .pathFirst = false,
@@ -450,7 +454,7 @@ int32_t transfer_by_script(const Script &script, int32_t direction, const char *
     if (exitCode != 0)
         return fail(entry, script_status(script, exitCode));
     if (script.chmodName != nullptr)
-        make_readable(entry->destinationPath, script.chmodName);
+        make_readable(entry->destinationPath, script.chmodName, script.chmodSubtype);
     return success;
 }
 
