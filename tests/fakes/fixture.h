@@ -71,8 +71,10 @@ class FlashTest : public testing::Test {
         empty_tables();
         forget_workers();
         reset();
+        record_outputs(true);
     }
     void TearDown() override {
+        record_outputs(false);
         reset();
         close_streams();
         empty_tables();

@@ -20,6 +20,8 @@ struct Module {
     Call<int32_t(flashCopyEntry *)> getFlashCopyEntry;
     Call<int32_t(flashMiscOpEntry *)> getFlashMiscOpEntry;
     Call<int32_t(const flashCopyEntry *)> handle_flash_abort;
+    Call<int32_t(flashCopyEntry *)> validate_n_start_flash_copy;
+    Call<int32_t(flashMiscOpEntry *)> validate_n_start_flash_delete;
 
     Module();
 };

@@ -217,6 +217,19 @@ void record(Kind kind, const char *format, ...) {
     va_end(arguments);
 }
 
+void record_output(const char *stream, std::string_view text) {
+    const std::string beginning = std::string(stream) + ' ';
+    if (!lines().empty()) {
+        Line &last = lines().back();
+        if (last.kind == Kind::output && last.text.starts_with(beginning) &&
+            !last.text.ends_with('\n')) {
+            last.text += text;
+            return;
+        }
+    }
+    lines().push_back({Kind::output, beginning + std::string(text)});
+}
+
 Lines calls(std::string_view prefix) { return select(Kind::call, prefix); }
 Lines container_calls(std::string_view prefix) { return select(Kind::container, prefix); }
 Lines trace_calls(std::string_view prefix) { return select(Kind::trace_call, prefix); }
@@ -225,6 +238,14 @@ Lines everything() {
     Lines result;
     for (const Line &line : lines())
         result.push_back(line.text);
+    return result;
+}
+
+Lines sequence() {
+    Lines result;
+    for (const Line &line : lines())
+        if (line.kind != Kind::trace_call)
+            result.push_back(line.text);
     return result;
 }
 

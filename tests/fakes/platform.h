@@ -33,7 +33,9 @@
 //     platform().records     the event history's records, byte for byte
 //     fakes::container_calls(), fakes::trace_calls()
 //                            the ordset_ calls; the evwrap_ and dbgout calls
-//     fakes::everything()    all of them in one order; a stored trace reads `trace 101 text`
+//     fakes::everything()    all of them in one order; a stored trace reads `trace 101 text`, what
+//                            was written to a standard stream `stdout text` or `stderr text`
+//     fakes::sequence()      the same without the trace facility's calls; see sequence.h
 //     platform().requests, .sent, .errors
 //                            daemon requests, sent messages and error records as structures
 //
@@ -245,6 +247,7 @@ Lines calls(std::string_view prefix = "");
 Lines container_calls(std::string_view prefix = "");
 Lines trace_calls(std::string_view prefix = "");
 Lines everything();
+Lines sequence();
 
 Traces traces();
 Trace last_trace(); // {0, ""} when there is none
@@ -261,8 +264,11 @@ std::string oid_text(const oid *name, size_t length);
 std::size_t unreleased_responses();
 
 // For the fakes themselves: adds a line to the record.
-enum class Kind { call, container, trace_call, trace };
+enum class Kind { call, container, trace_call, trace, output };
 __attribute__((format(printf, 2, 3))) void record(Kind kind, const char *format, ...);
+
+// The same for what is written to a standard stream. Pieces of a line become one.
+void record_output(const char *stream, std::string_view text);
 
 } // namespace fakes
 

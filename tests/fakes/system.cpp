@@ -26,6 +26,7 @@ unsigned int __real_sleep(unsigned int seconds);
 int __real_setpgid(pid_t pid, pid_t group);
 int __real_close(int descriptor);
 void __real_closefrom(int first);
+void __real_closelog(void);
 int __real_close_range(unsigned int first, unsigned int last, int flags);
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
@@ -117,6 +118,47 @@ std::optional<int> run_as_child(const std::function<void()> &body) {
     in_child = false;
     os().fork = saved;
     return ended ? std::optional<int>(child_code) : std::nullopt;
+}
+
+namespace {
+
+// A standard stream and what stands in for it while its output is recorded.
+struct Output {
+    FILE **stream;
+    const char *name;
+    int descriptor;
+    FILE *former = nullptr;
+    FILE *recording = nullptr;
+};
+
+ssize_t record_and_write(void *cookie, const char *bytes, size_t length) {
+    const auto *output = static_cast<const Output *>(cookie);
+    record_output(output->name, {bytes, length});
+    size_t written = 0;
+    while (written < length) {
+        const ssize_t count = write(output->descriptor, bytes + written, length - written);
+        if (count < 0)
+            break;
+        written += static_cast<size_t>(count);
+    }
+    return static_cast<ssize_t>(length);
+}
+
+} // namespace
+
+void record_outputs(bool on) {
+    static Output outputs[] = {{&stdout, "stdout", STDOUT_FILENO},
+                               {&stderr, "stderr", STDERR_FILENO}};
+    for (Output &output : outputs) {
+        if (output.recording == nullptr) {
+            output.former = *output.stream;
+            output.recording =
+                fopencookie(&output, "w", {nullptr, record_and_write, nullptr, nullptr});
+            std::setvbuf(output.recording, nullptr, _IONBF, 0);
+        }
+        std::fflush(*output.stream);
+        *output.stream = on ? output.recording : output.former;
+    }
 }
 
 Capture::Capture(int descriptor) : descriptor_(descriptor), file_(std::tmpfile()) {
@@ -288,6 +330,13 @@ void __wrap_closefrom(int first) {
         return;
     }
     record(Kind::call, "closefrom first=%d", first);
+}
+
+void __wrap_closelog(void) {
+    if (fakes::in_child)
+        record(Kind::call, "closelog");
+    else
+        __real_closelog();
 }
 
 int __wrap_close_range(unsigned int first, unsigned int last, int flags) {

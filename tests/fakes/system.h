@@ -24,7 +24,10 @@
 //                             snmp_log's {priority, text}
 //     os().close_range, .setpgid
 //                             the real ones; in run_as_child() recorded and without effect
-//     close, closefrom        likewise, but not scripted
+//     close, closefrom, closelog
+//                             likewise, but not scripted
+//     stdout, stderr          recorded while record_outputs() is on, in everything() only, and
+//                             written all the same
 //     malloc, calloc, free    the real ones; malloc's memory is filled with 0xa5. fail_allocation()
 //                             makes one fail. Only calls of the code linked into the test program
 //                             are seen, so neither C++'s own nor net-snmp's
@@ -129,6 +132,9 @@ std::size_t outstanding_allocations();
 // Runs `body` as the child of a fork in this very process: fork returns 0, and _exit ends `body`
 // and gives the result. Nothing when `body` returned.
 std::optional<int> run_as_child(const std::function<void()> &body);
+
+// Has what is written to stdout and stderr recorded, or no more.
+void record_outputs(bool on);
 
 // Takes what is written to a descriptor while it lives: Capture errors(STDERR_FILENO).
 class Capture {
