@@ -79,6 +79,29 @@ def test_finished_row_goes_after_305_seconds_and_not_before(idle_host, clock, se
     assert idle_host.copy_status(7) is None
 
 
+def test_finished_row_goes_after_305_seconds_also_after_reloads(idle_host, clock, server):
+    assert idle_host.copy(7, **COPY_ARGUMENTS) == SUCCESS
+    for _ in range(2):
+        idle_host.reload_agent()
+    clock.advance_to(300)
+    assert idle_host.copy_status(7) == SUCCESS
+    clock.advance_to(310)
+    assert idle_host.copy_status(7) is None
+
+
+def test_copy_of_before_a_reload_goes_after_305_seconds(idle_host, clock):
+    held = idle_host.enter(TftpServer(idle_host.address, {"image.bin": CONTENT}, hold_at=10))
+    idle_host.start_copy(7, **COPY_ARGUMENTS)
+    wait_for(held.held.is_set, "the transfer reaches its middle")
+    idle_host.reload_agent()
+    held.release()
+    assert idle_host.finish_copy(7) == SUCCESS
+    clock.advance_to(300)
+    assert idle_host.copy_status(7) == SUCCESS
+    clock.advance_to(310)
+    assert idle_host.copy_status(7) is None
+
+
 def test_row_that_is_being_filled_in_stays_for_305_seconds(idle_host, clock, server):
     assert idle_host.copy(7, **COPY_ARGUMENTS) == SUCCESS
     clock.advance_to(200)
