@@ -284,10 +284,9 @@ def is_shell_of_worker(pid):
 def end_script(host, protocol, with_shell):
     """Kills the script in mid-transfer, and before it the shell that waits for it."""
     [shell] = [pid for pid in host.strays() if is_shell_of_worker(pid)]
-    name = f"/{SCRIPT_NAMES[protocol]}".encode()
-    [script] = [
-        pid for pid in host.strays() if any(word.endswith(name) for word in command_line(pid))
-    ]
+    # The name is the last word of the supervisor's command line, not of its child's.
+    name = f"/{SCRIPT_NAMES[protocol]}\0".encode()
+    [script] = [pid for pid in host.strays() if b"\0".join(command_line(pid)).endswith(name)]
     if with_shell:
         os.kill(shell, signal.SIGKILL)
     os.kill(script, signal.SIGKILL)

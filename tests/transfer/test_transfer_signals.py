@@ -47,12 +47,20 @@ def test_a_signal_to_the_group_ends_all_processes_within_a_second(client, stands
 
 
 @pytest.mark.parametrize("standstill", ["get"], indirect=True)
-def test_a_script_that_is_killed_leaves_no_process(client, standstill):
+def test_a_script_that_is_killed_leaves_no_process_and_no_file(client, standstill):
     process = standstill.start()
     members = family(process.pid)
     process.kill()
     process.communicate(timeout=10)
     wait_until(lambda: not any(alive(each) for each in members), what="no process left")
+    assert client.temporaries() == []
+
+
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV])
+def test_a_script_whose_interpreter_is_killed_has_failed(client, standstill, number):
+    process = standstill.start()
+    os.kill(descendant(process.pid, "expect"), number)
+    assert process.wait(timeout=10) == FAILED
 
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM])

@@ -3,14 +3,14 @@
 # quoted for its command language, and is never evaluated by Tcl or a shell.
 #
 # Exit codes: 0 done, 1 busy, 2 no such source, 3 no space or memory, 4 host key or login refused,
-# 5 anything else. A script that a signal ends would count as one that succeeded; these catch it and
-# exit with 5.
+# 5 anything else. A script that a signal ends could count as one that succeeded; these exit with 5.
 
 encoding system iso8859-1; # names and passwords are bytes
 log_user 0
 match_max -d 65536
 
-set exitCodes {busy 1 noSource 2 noSpace 3 refused 4 failed 5}
+# A supervised script tells its success apart from 0, with which the interpreter ends by itself.
+set exitCodes {busy 1 noSource 2 noSpace 3 refused 4 failed 5 done 6}
 set temporary ""; # file being received
 
 # Ends the transfer: with an exit code's name and a sentence for the operator. The sentence never
@@ -19,54 +19,83 @@ proc give_up {cause sentence} {
     throw [list TRANSFER $cause] $sentence
 }
 
+# What a script becomes at first: a shell that runs the script once more, under its supervision, and
+# exits with its code. Tcl cannot take signals itself: one that comes while it begins to wait for
+# events stops it for ever. So the supervised script ignores them, and watches its standard input,
+# whose other end this shell holds: that ends with the shell, whatever ends it, or by a signal to it.
+#   $0, $1   interpreter, script
+#   input    the pipe that holds the script's arguments
+set supervisor {
+    exec 3>/proc/self/fd/0 4<&0
+    trap "signalled=1; exec 3>&-" TERM INT HUP
+    (
+        trap "" TERM INT HUP
+        exec "$0" -nN "$1" - 3>&-
+    ) <&4 4<&- &
+    script=$!
+    exec 4<&-
+    while
+        signalled=
+        wait "$script"
+        code=$?
+        [ "$signalled" ] && [ "$code" -gt 128 ]
+    do :; done
+    case $code in
+    6) exit 0 ;;
+    [1-4]) exit "$code" ;;
+    *) exit 5 ;;
+    esac
+}
+
 # Runs a script's main procedure on the script's arguments, and exits.
 proc run_transfer {main} {
-    global argv0 exitCodes
-    trap interrupted {SIGTERM SIGINT SIGHUP}
-    set code 0
+    global argv argv0 exitCodes
+    if {$argv ne "-"} {
+        # Nothing waits for events here.
+        trap {exit 5} {SIGTERM SIGINT SIGHUP}
+        supervise
+    }
+    trap SIG_IGN {SIGTERM SIGINT SIGHUP}
+    set cause done
     try {
         $main {*}[arguments]
     } trap TRANSFER {sentence options} {
-        set code [dict get $exitCodes [lindex [dict get $options -errorcode] 1]]
+        set cause [lindex [dict get $options -errorcode] 1]
     } on error {- options} {
         # The message itself may hold an argument.
-        set code [dict get $exitCodes failed]
+        set cause failed
         set sentence "internal error, [lindex [dict get $options -errorcode] 0]\
                       at line [dict get $options -errorline]"
     }
     clean_up
-    if {$code != 0} {
+    if {$cause ne "done"} {
         catch {puts stderr "[file tail $argv0]: $sentence"}
     }
-    exit $code
+    exit [dict get $exitCodes $cause]
 }
 
-# The script's arguments, as bytes. They are moved from the argument list, which every user can see,
-# to standard input: the script runs itself once more for that.
-proc arguments {} {
-    global argv argv0 argc
-    if {$argv eq "-"} {
-        fconfigure stdin -translation binary
-        return [lrange [split [read stdin] \0] 0 end-1]
-    }
+# Becomes the script's supervisor. The arguments, as bytes, are moved from the argument list, which
+# every user can see, to the script's standard input, with their length before them.
+proc supervise {} {
+    global argv0 argc supervisor
     set file [open /proc/self/cmdline rb]
     set words [lrange [split [read $file] \0] end-$argc end]
     close $file
     set text [join $words \0]
     if {[string length $text] > 32768} {
-        give_up failed "arguments too long"; # than a pipe holds
+        puts stderr "[file tail $argv0]: arguments too long"; # than a pipe holds
+        exit 5
     }
     lassign [chan pipe] input output
     fconfigure $output -translation binary
-    puts -nonewline $output $text
+    puts -nonewline $output "[string length $text]\n$text"
     close $output
-    overlay -0 [string map {file {}} $input] [info nameofexecutable] -nN $argv0 -
+    overlay -0 [string map {file {}} $input] /bin/sh -c $supervisor [info nameofexecutable] $argv0
 }
 
-proc interrupted {} {
-    trap SIG_IGN {SIGTERM SIGINT SIGHUP}
-    clean_up
-    exit 5
+proc arguments {} {
+    fconfigure stdin -translation binary
+    return [lrange [split [read stdin [gets stdin]] \0] 0 end-1]
 }
 
 proc clean_up {} {
@@ -220,7 +249,7 @@ proc octal {word} {
 # Returns its exit code. One that a signal ended has none, and `wait` says 0 for it: only the words
 # behind that tell. The timer ends by the signal that ended its client.
 proc run_client {limit input output prompt password on_line client} {
-    global spawn_id stty_init env launcher
+    global spawn_id user_spawn_id stty_init env launcher
     array unset env *
     array set env {PATH /usr/bin:/bin LC_ALL C HOME /nonexistent TERM dumb}
     set stty_init "-echo -opost"
@@ -245,6 +274,9 @@ proc run_client {limit input output prompt password on_line client} {
         }
         eof {
             $on_line $expect_out(buffer)
+        }
+        -i $user_spawn_id eof {
+            give_up failed "ended by a signal"
         }
     }
     lassign [wait] - - failed code signalled
