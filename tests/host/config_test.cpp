@@ -83,10 +83,8 @@ TEST_F(ConfigTest, EmptyListMeansNoFileSystems) {
 }
 
 TEST_F(ConfigTest, TheSampleIsTheBuiltInDefaultAndReportsLostWorkers) {
-    const std::string sample =
-        (std::filesystem::path(__FILE__).parent_path() / "../../platform/host/config/platform.toml")
-            .string();
-    const ruma::Config config = ruma::load_config(sample);
+    const ruma::Config config =
+        ruma::load_config(ORVEX_SOURCE_DIRECTORY "/platform/host/config/platform.toml");
     const ruma::Config built_in = load("");
     ASSERT_EQ(config.file_systems.size(), built_in.file_systems.size());
     for (size_t i = 0; i < config.file_systems.size(); i++) {
