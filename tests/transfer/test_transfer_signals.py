@@ -9,7 +9,7 @@ import time
 
 import pytest
 from servers import Forwarder, FtpServer, wait_until
-from transfers import FAILED, PROGRAMS, alive, descendant, family
+from transfers import DONE, FAILED, PROGRAMS, alive, descendant, family
 
 
 def end_by(number, client, standstill):
@@ -61,6 +61,34 @@ def test_a_script_whose_interpreter_is_killed_has_failed(client, standstill, num
     process = standstill.start()
     os.kill(descendant(process.pid, "expect"), number)
     assert process.wait(timeout=10) == FAILED
+
+
+@pytest.mark.parametrize("standstill", ["get"], indirect=True)
+def test_the_next_get_removes_what_a_killed_script_was_receiving(client, standstill):
+    process = standstill.start()
+    process.kill()
+    process.communicate(timeout=10)
+    [left] = client.temporaries()
+    # Nothing else is removed, whatever it is called.
+    others = [left.with_name(".transfer-notes"), left.with_name(f"{left.name}-copy")]
+    for other in others:
+        other.write_bytes(b"kept")
+    standstill.server.store("file", b"content")
+    destination = client.files / "file"
+    assert client.get(standstill.protocol, standstill.server, "file", destination) == DONE
+    assert destination.read_bytes() == b"content"
+    assert sorted(client.temporaries()) == sorted(others)
+
+
+@pytest.mark.parametrize("standstill", ["get"], indirect=True)
+def test_a_get_leaves_alone_what_another_script_is_receiving(client, standstill):
+    process = standstill.start()
+    others = client.temporaries()
+    standstill.server.store("file", b"content")
+    assert client.get(standstill.protocol, standstill.server, "file", client.files / "file") == DONE
+    assert client.temporaries() == others
+    process.terminate()
+    process.communicate(timeout=10)
 
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM])

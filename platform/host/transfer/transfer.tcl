@@ -158,8 +158,19 @@ proc check_source {path} {
     }
 }
 
+# Removes from a directory what scripts were receiving that have been killed outright: they could not.
+proc remove_leftovers {directory} {
+    foreach name [glob -nocomplain -directory $directory -types f .transfer-*] {
+        if {[regexp {^\.transfer-(\d+)-[0-9a-f]{32}$} [file tail $name] - owner]
+            && ![file exists /proc/$owner]} {
+            catch {file delete -- $name}
+        }
+    }
+}
+
 # Creates the file to receive into: beside the destination, so that it can take its place at once,
-# under a name that nobody can know before, and for nobody else to read. Returns its name.
+# under a name that tells whose it is and that nobody can know before, and for nobody else to read.
+# Returns its name.
 proc begin_receiving {destination} {
     global temporary
     if {[string index $destination end] eq "/"} {
@@ -178,7 +189,9 @@ proc begin_receiving {destination} {
     fconfigure $random -buffering none -buffersize 16
     binary scan [read $random 16] H* suffix
     close $random
-    set name [file dirname $destination]/.transfer-$suffix
+    set directory [file dirname $destination]
+    remove_leftovers $directory
+    set name $directory/.transfer-[pid]-$suffix
     try {
         set temporary $name
         close [open $name {WRONLY CREAT EXCL} 0600]
