@@ -5,6 +5,7 @@
 #include "temporary_directory.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <fcntl.h>
 #include <filesystem>
@@ -189,6 +190,49 @@ TEST_F(IncomingFile, WithANameIsRemovedWhereItWasMadeWhenItIsGivenUp) {
         swap();
     }
     EXPECT_TRUE(fs::is_empty(top / "moved"));
+    EXPECT_EQ(umount("/proc"), 0);
+}
+
+TEST_F(IncomingFile, RemovesWhatADeadProcessWasReceivingAndNothingElse) {
+    const pid_t dead = fork();
+    if (dead == 0)
+        _exit(0);
+    ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+    const std::string left = ".tftp-" + std::to_string(dead) + "-01abef";
+    const std::vector<std::string> others = {".tftp-" + std::to_string(getpid()) + "-01abef",
+                                             left + "0",
+                                             left + ".bak",
+                                             ".tftp--1-01abef",
+                                             ".tftp-0-01abef",
+                                             ".tftp-01abef",
+                                             "image"};
+    for (const std::string &name : others)
+        write_file(flash + "/" + name, "text");
+    write_file(flash + "/" + left, "text");
+    ruma::IncomingFile file;
+    EXPECT_EQ(file.open(destination), 0);
+    EXPECT_THAT(names_in(flash), testing::UnorderedElementsAreArray(others));
+}
+
+TEST_F(IncomingFile, OfAKilledProcessIsRemovedByTheNext) {
+    ASSERT_NO_FATAL_FAILURE(hide_proc());
+    const pid_t killed = fork();
+    if (killed == 0) {
+        ruma::IncomingFile file;
+        if (file.open(destination) == 0)
+            raise(SIGKILL);
+        _exit(1);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(killed, &status, 0), killed);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(names_in(flash).size(), 1U);
+    {
+        ruma::IncomingFile file;
+        EXPECT_EQ(file.open(destination), 0);
+        EXPECT_EQ(file.commit(), 0);
+    }
+    EXPECT_THAT(names_in(flash), testing::ElementsAre("image"));
     EXPECT_EQ(umount("/proc"), 0);
 }
 

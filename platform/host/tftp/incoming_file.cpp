@@ -3,8 +3,10 @@
 #include "tftp/directory.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,20 +21,42 @@ std::string descriptor_path(int descriptor) {
 }
 
 // Tries random names until `make` takes one, which is returned. Empty with errno set when it does
-// not. Names are short, so that every name that the destination may have is possible.
+// not. Names tell whose they are, and are short, so that every name that the destination may have
+// is possible.
 template <typename Make>
 std::string make_temporary(const Make &make) {
     constexpr int max_attempts = 100;
     for (int i = 0; i < max_attempts; ++i) {
-        char name[16];
-        std::snprintf(name, sizeof name, ".tftp-%06lx",
-                      static_cast<unsigned long>(arc4random()) & 0xffffff);
+        char name[32];
+        std::snprintf(name, sizeof name, ".tftp-%d-%06x", getpid(), arc4random() & 0xffffff);
         if (make(name))
             return name;
         if (errno != EEXIST)
             break;
     }
     return {};
+}
+
+// Whether a name is that of a file which a process was receiving that is no more.
+bool is_leftover(const char *name) {
+    int owner = 0;
+    unsigned suffix = 0;
+    int length = 0;
+    return std::sscanf(name, ".tftp-%d-%6x%n", &owner, &suffix, &length) == 2 &&
+           name[length] == '\0' && owner > 0 && kill(owner, 0) != 0 && errno == ESRCH;
+}
+
+// Removes from a directory what was being received when its process was ended: it could not.
+void remove_leftovers(UniqueFd directory) {
+    DIR *names = fdopendir(directory.get());
+    if (names == nullptr)
+        return;
+    directory.release(); // the stream's now
+    while (const dirent *entry = readdir(names)) {
+        if (is_leftover(entry->d_name))
+            unlinkat(dirfd(names), entry->d_name, 0);
+    }
+    closedir(names);
 }
 
 } // namespace
@@ -51,6 +75,7 @@ int IncomingFile::open(const std::string &destination) {
         return errno;
     if (name_.empty())
         return EISDIR;
+    remove_leftovers(readable_directory());
     struct stat status {};
     if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         if (S_ISDIR(status.st_mode))
@@ -84,10 +109,14 @@ int IncomingFile::give_name() {
     return temporary_.empty() ? errno : 0;
 }
 
+UniqueFd IncomingFile::readable_directory() const {
+    return UniqueFd(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
 // Makes the names in the directory durable. One that may not be read, or a file system that knows
 // no such thing, has to do without.
 int IncomingFile::sync_directory() const {
-    const UniqueFd directory(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd directory = readable_directory();
     if (!directory || fsync(directory.get()) == 0 || errno == EINVAL)
         return 0;
     return errno;

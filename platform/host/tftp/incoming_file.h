@@ -12,9 +12,10 @@ namespace ruma {
 // The directory of the destination is opened once, without following a symbolic link anywhere on
 // its path, and all names are made, linked and renamed in that very directory, whatever stands at
 // its path by then. The content is collected in a file without a name where the file system can do
-// that, so that nothing is left of it when the process is killed; else in a file ".tftp-" and six
-// random characters beside the destination; in both cases with the mode 0600. Without commit() the
-// destination is left alone and nothing else remains.
+// that, else in a file beside the destination, ".tftp-", the process id, "-" and six random
+// characters; in both cases with the mode 0600. A name like that is needed for the last step, too.
+// Without commit() the destination is left alone and nothing else remains, unless the process is
+// killed while the content has a name: then the next that receives into the directory removes it.
 class IncomingFile {
   public:
     IncomingFile() = default;
@@ -38,6 +39,7 @@ class IncomingFile {
   private:
     int open_named();
     int give_name();
+    UniqueFd readable_directory() const; // of its own offset; none when it may not be read
     int sync_directory() const;
 
     UniqueFd directory_;
