@@ -281,14 +281,18 @@ def is_shell_of_worker(pid):
     return command_line(pid)[:2] == [b"sh", b"-c"] and b"/ruma/bin/" in command_line(pid)[2]
 
 
+def kill_shell(host):
+    [shell] = [pid for pid in host.strays() if is_shell_of_worker(pid)]
+    os.kill(shell, signal.SIGKILL)
+
+
 def end_script(host, protocol, with_shell):
     """Kills the script in mid-transfer, and before it the shell that waits for it."""
-    [shell] = [pid for pid in host.strays() if is_shell_of_worker(pid)]
     # The name is the last word of the supervisor's command line, not of its child's.
     name = f"/{SCRIPT_NAMES[protocol]}\0".encode()
     [script] = [pid for pid in host.strays() if b"\0".join(command_line(pid)).endswith(name)]
     if with_shell:
-        os.kill(shell, signal.SIGKILL)
+        kill_shell(host)
     os.kill(script, signal.SIGKILL)
 
 
@@ -312,6 +316,18 @@ def test_what_is_killed_by_a_signal_has_the_exit_code_that_the_module_sees(
     assert host.finish_copy(held.ROW) == status
     assert held.destination() is None
     wait_for(lambda: not host.strays(), "no process of the transfer is left")
+
+
+@pytest.mark.parametrize("protocol", SCRIPTED)
+@both_ways
+def test_transfer_whose_shell_is_killed_does_not_go_on(host, protocol, verb):
+    """It counts as finished: nothing of it may write a file afterwards."""
+    held = HeldCopy(host, protocol, verb)
+    held.start()
+    kill_shell(host)
+    assert host.finish_copy(held.ROW) == SUCCESS
+    wait_for(lambda: not host.strays(), "no process of the transfer is left", timeout=3)
+    assert not held.flash_files()
 
 
 @pytest.mark.parametrize("protocol, program", [("ftp", "tnftp"), ("scp", "scp"), ("sftp", "sftp")])

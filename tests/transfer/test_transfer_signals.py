@@ -66,7 +66,7 @@ def test_a_script_whose_interpreter_is_killed_has_failed(client, standstill, num
 @pytest.mark.parametrize("standstill", ["get"], indirect=True)
 def test_the_next_get_removes_what_a_killed_script_was_receiving(client, standstill):
     process = standstill.start()
-    process.kill()
+    os.kill(descendant(process.pid, "expect"), signal.SIGKILL)
     process.communicate(timeout=10)
     [left] = client.temporaries()
     # Nothing else is removed, whatever it is called.

@@ -73,10 +73,12 @@ void receive_message(pmb_message &message, const ruma::CopyModule &module) {
         ++refused;
     } else if (!ruma::is_child(message.sender_pid)) {
         ++strange;
-    } else if (ruma::deliver_copy_status(message, module)) {
-        workers.reported(message.sender_pid);
     } else {
-        ++unwanted;
+        workers.reports(message.sender_pid);
+        if (ruma::deliver_copy_status(message, module))
+            workers.reported(message.sender_pid);
+        else
+            ++unwanted;
     }
 }
 

@@ -65,7 +65,8 @@ bool has_ended(pid_t pid) {
     return !end || end->si_pid == pid;
 }
 
-// Tells whether the process under a name in /proc belongs to a group and is no zombie.
+// Tells whether the process under a name in /proc belongs to a group, is not its leader and no
+// zombie.
 bool lives_in_group(int processes, const char *name, pid_t group) {
     const UniqueFd file(
         openat(processes, (std::string(name) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
@@ -81,10 +82,11 @@ bool lives_in_group(int processes, const char *name, pid_t group) {
     const char state = end[2];
     char *parent_end = nullptr;
     std::strtol(end + 3, &parent_end, 10);
-    return std::strtol(parent_end, nullptr, 10) == group && state != 'Z' && state != 'X';
+    return std::strtol(parent_end, nullptr, 10) == group && state != 'Z' && state != 'X' &&
+           std::strtol(name, nullptr, 10) != group;
 }
 
-// Tells whether somebody of a process group is left who is no zombie; also true when nobody knows.
+// Tells whether somebody of a process group but its leader is left; also true when nobody knows.
 bool group_lives(pid_t group) {
     // The worker may have ended before it had a group of its own.
     if (kill(-group, 0) != 0 && errno == ESRCH)
@@ -157,9 +159,18 @@ void CopyWorkers::unwatch(Worker &worker) {
     --descriptors_;
 }
 
+std::vector<CopyWorkers::Worker>::iterator CopyWorkers::find(pid_t pid) {
+    return std::find_if(workers_.begin(), workers_.end(),
+                        [pid](const Worker &each) { return each.pid == pid; });
+}
+
+void CopyWorkers::reports(pid_t pid) {
+    if (find(pid) != workers_.end() && group_lives(pid))
+        kill(-pid, SIGTERM);
+}
+
 void CopyWorkers::reported(pid_t pid) {
-    const auto worker = std::find_if(workers_.begin(), workers_.end(),
-                                     [pid](const Worker &each) { return each.pid == pid; });
+    const auto worker = find(pid);
     if (worker == workers_.end())
         return;
     unwatch(*worker);

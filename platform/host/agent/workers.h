@@ -42,6 +42,11 @@ class CopyWorkers {
     // module has its id then, which it keeps until the next fork.
     void settle(const CopyModule &module);
 
+    // Ends, by SIGTERM, what a worker has left running that sends its status message: its transfer
+    // is over, but a shell of it that somebody else ended takes nothing with it. To be called
+    // before the message is delivered, while the worker keeps its id.
+    void reports(pid_t worker);
+
     // Forgets a worker whose status message was delivered: it is not lost, whatever it said.
     void reported(pid_t worker);
 
@@ -71,6 +76,7 @@ class CopyWorkers {
         Clock::time_point terminated; // when its group got SIGTERM
     };
 
+    std::vector<Worker>::iterator find(pid_t pid);
     void watch(Worker &worker);
     void unwatch(Worker &worker);
     bool group_gone(Worker &worker) const;
