@@ -1,11 +1,11 @@
 // Transfers, outcome by outcome: everything that each does, in its order.
 #include "fakes/fixture.h"
 #include "fakes/sequence.h"
+#include "fakes/staging.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -144,23 +144,12 @@ TEST_F(TransferSequenceTest, ATftpGetThatFails) {
 }
 
 // The working directory holds the staged file.
-class TftpPutSequenceTest : public fakes::FlashTest {
+class TftpPutSequenceTest : public fakes::StagingTest {
   protected:
     void SetUp() override {
-        FlashTest::SetUp();
-        before_ = fs::current_path();
-        std::string name = (fs::temp_directory_path() / "sequence_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
-        fs::create_directory(root_ / "work");
-        fs::current_path(root_ / "work");
+        StagingTest::SetUp();
         source_ = (root_ / "image.bin").string();
-        std::ofstream(source_) << "content";
-    }
-    void TearDown() override {
-        fs::current_path(before_);
-        fs::remove_all(root_);
-        FlashTest::TearDown();
+        fakes::write(source_, "content");
     }
     flashCopyEntry put_request(const char *destination_name) const {
         flashCopyEntry row = request(1, destination_name);
@@ -202,8 +191,6 @@ class TftpPutSequenceTest : public fakes::FlashTest {
     std::string source_;
 
   private:
-    fs::path before_;
-    fs::path root_;
 };
 
 const Lines not_removed = {E("do_flash_upload_download : temporary file NOT removed!!!!\n")};

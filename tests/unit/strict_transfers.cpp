@@ -1,10 +1,9 @@
 // Transfers in the strict build: resolved paths that it refuses, and how it stages a file.
 #include "fakes/fixture.h"
+#include "fakes/staging.h"
 
 #include <arpa/inet.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,38 +95,19 @@ TEST_F(StrictTransferTest, ATftpGetTakesAnyPathForNoShellSeesIt) {
 }
 
 // Staging is done for real, in a working directory of the test's own.
-class StrictStagingTest : public fakes::FlashTest {
+class StrictStagingTest : public fakes::StagingTest {
   protected:
     void SetUp() override {
-        FlashTest::SetUp();
-        before_ = fs::current_path();
-        std::string name = (fs::temp_directory_path() / "strict_transfers.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
+        StagingTest::SetUp();
         fs::create_directories(root_ / "flash/two words");
-        fs::create_directory(root_ / "work");
-        fs::current_path(root_ / "work");
         for (const char *directory : {"flash", "flash/two words"})
-            write(root_ / directory / "image.bin", "content");
+            fakes::write(root_ / directory / "image.bin", "content");
         platform().tftp_put.does([this](const char *file, int) {
-            sent_ = content_of(file);
+            sent_ = fakes::content_of(file);
             struct stat status {};
             mode_ = ::stat(file, &status) == 0 ? status.st_mode & 07777 : 0;
             return result_;
         });
-    }
-    void TearDown() override {
-        fs::current_path(before_);
-        fs::remove_all(root_);
-        FlashTest::TearDown();
-    }
-
-    static std::string content_of(const fs::path &path) {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    static void write(const fs::path &path, const std::string &content) {
-        std::ofstream(path, std::ios::binary) << content;
     }
 
     // Sends a file of the flash directory by TFTP: the copy's status, or 0 after a success.
@@ -139,8 +119,6 @@ class StrictStagingTest : public fakes::FlashTest {
         return result == flash::success ? 0 : entry.copyStatus;
     }
 
-    fs::path before_;
-    fs::path root_;
     std::string sent_; // empty when nothing was
     mode_t mode_ = 0;  // of the staged file
     int result_ = 0;
@@ -165,15 +143,15 @@ TEST_F(StrictStagingTest, AFileIsSentFromACopyForItsOwnerAlone) {
 
 TEST_F(StrictStagingTest, AFileThatStandsThereIsNotReplaced) {
     for (const char *name : both_ways) {
-        write("image.bin", "precious");
+        fakes::write("image.bin", "precious");
         EXPECT_EQ(send(name), 14);
         EXPECT_EQ(sent_, "");
-        EXPECT_EQ(content_of("image.bin"), "precious");
+        EXPECT_EQ(fakes::content_of("image.bin"), "precious");
     }
 }
 
 TEST_F(StrictStagingTest, ALinkThatStandsThereIsNotFollowed) {
-    write(root_ / "victim", "victim");
+    fakes::write(root_ / "victim", "victim");
     for (const char *target : {"../victim", "../nothing"})
         for (const char *name : both_ways) {
             fs::remove("image.bin");
@@ -182,7 +160,7 @@ TEST_F(StrictStagingTest, ALinkThatStandsThereIsNotFollowed) {
             EXPECT_EQ(sent_, "");
             EXPECT_TRUE(fs::is_symlink("image.bin"));
         }
-    EXPECT_EQ(content_of(root_ / "victim"), "victim");
+    EXPECT_EQ(fakes::content_of(root_ / "victim"), "victim");
     EXPECT_FALSE(fs::exists(root_ / "nothing"));
 }
 
@@ -196,7 +174,7 @@ TEST_F(StrictStagingTest, AFailedSendLeavesItsCopyWhichBlocksTheNextOfThatName) 
     for (const char *name : both_ways) {
         result_ = -1;
         EXPECT_EQ(send(name), 14);
-        EXPECT_EQ(content_of("image.bin"), "content");
+        EXPECT_EQ(fakes::content_of("image.bin"), "content");
         result_ = 0;
         EXPECT_EQ(send(name), 14);
         fs::remove("image.bin");

@@ -1,5 +1,6 @@
 // Transfers: what each protocol does in each direction, and what becomes of each outcome.
 #include "fakes/fixture.h"
+#include "fakes/staging.h"
 
 #include "flash_trace.h"
 
@@ -7,8 +8,6 @@
 #include <arpa/inet.h>
 #include <climits>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -274,37 +273,16 @@ TEST_F(TransferTest, AFailedTftpGetOfANameWithoutASlashNamesAllOfIt) {
 
 // TFTP: put. The staging copy is made for real, in a working directory of the test's own.
 
-std::string content_of(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write(const fs::path &path, const std::string &content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-class TftpPutTest : public fakes::FlashTest {
+class TftpPutTest : public fakes::StagingTest {
   protected:
     void SetUp() override {
-        FlashTest::SetUp();
-        before_ = fs::current_path();
-        std::string name = (fs::temp_directory_path() / "transfer_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
+        StagingTest::SetUp();
         fs::create_directory(root_ / "flash");
-        fs::create_directory(root_ / "work");
-        fs::current_path(root_ / "work");
         source_ = (root_ / "flash" / "image.bin").string();
         for (int i = 0; i < 3000; ++i)
             content_ += static_cast<char>(i % 256); // zero bytes and 0xff among them
-        write(source_, content_);
+        fakes::write(source_, content_);
     }
-    void TearDown() override {
-        fs::current_path(before_);
-        fs::remove_all(root_);
-        FlashTest::TearDown();
-    }
-
     flashCopyEntry put_request(const std::string &destination_name) const {
         return request(1, [&](flashCopyEntry &r) {
             fakes::put(r.sourcePath, source_);
@@ -315,13 +293,11 @@ class TftpPutTest : public fakes::FlashTest {
     void watch_put(int result) {
         platform().tftp_put.does([this, result](const char *file, int) {
             existed_ = fs::exists(file);
-            sent_ = content_of(file);
+            sent_ = fakes::content_of(file);
             return result;
         });
     }
 
-    fs::path before_;
-    fs::path root_;
     std::string source_;
     std::string content_;
     std::string sent_;
@@ -344,7 +320,7 @@ TEST_F(TftpPutTest, SendsACopyOfTheSourceFileNamedAfterTheDestination) {
 }
 
 TEST_F(TftpPutTest, SendsAnEmptyFile) {
-    write(source_, "");
+    fakes::write(source_, "");
     flashCopyEntry row = put_request("backup.bin");
     watch_put(0);
     EXPECT_EQ(transfer(put_direction, row), flash::success);
@@ -353,7 +329,7 @@ TEST_F(TftpPutTest, SendsAnEmptyFile) {
 }
 
 TEST_F(TftpPutTest, TheCopyReplacesAnOlderFileOfItsName) {
-    write("backup.bin", std::string(10000, 'x'));
+    fakes::write("backup.bin", std::string(10000, 'x'));
     flashCopyEntry row = put_request("backup.bin");
     watch_put(0);
     EXPECT_EQ(transfer(put_direction, row), flash::success);
@@ -364,14 +340,14 @@ TEST_F(TftpPutTest, TheCopyIsRemovedAfterASuccess) {
     flashCopyEntry row = put_request("backup.bin");
     EXPECT_EQ(transfer(put_direction, row), flash::success);
     EXPECT_TRUE(fs::is_empty(fs::current_path()));
-    EXPECT_EQ(content_of(source_), content_);
+    EXPECT_EQ(fakes::content_of(source_), content_);
 }
 
 TEST_F(TftpPutTest, TheCopyIsLeftAfterAFailure) {
     flashCopyEntry row = put_request("backup.bin");
     platform().tftp_put.returns(-113);
     EXPECT_EQ(transfer(put_direction, row), flash::failure);
-    EXPECT_EQ(content_of("backup.bin"), content_);
+    EXPECT_EQ(fakes::content_of("backup.bin"), content_);
 }
 
 TEST_F(TftpPutTest, TracesASuccessfulPut) {
@@ -420,7 +396,7 @@ TEST_F(TftpPutTest, ACopyThatCannotBeRemovedIsStillASuccess) {
     platform().tftp_put.does([](const char *file, int) {
         fs::remove(file);
         fs::create_directory(file);
-        write(fs::path(file) / "occupied", "x");
+        fakes::write(fs::path(file) / "occupied", "x");
         return 0;
     });
     EXPECT_EQ(transfer(put_direction, row), flash::success);
@@ -504,7 +480,7 @@ TEST_F(TftpPutTest, AFifoInTheCopysPlaceIsATransferErrorAndNoWaitBothWays) {
 TEST_F(TftpPutTest, AFullDiskIsATransferError) { expect_staging_failure(put_request("/dev/full")); }
 
 TEST_F(TftpPutTest, AFullDiskIsNoticedForAFileSmallerThanABuffer) {
-    write(source_, "x");
+    fakes::write(source_, "x");
     expect_staging_failure(put_request("/dev/full"));
 }
 
@@ -541,7 +517,7 @@ TEST_F(TftpPutTest, TheShellsCopyIsLeftAfterAFailure) {
     os().system.passes_through();
     platform().tftp_put.returns(-113);
     EXPECT_EQ(transfer(put_direction, row), flash::failure);
-    EXPECT_EQ(content_of("image.bin"), content_);
+    EXPECT_EQ(fakes::content_of("image.bin"), content_);
 }
 
 TEST_F(TftpPutTest, TracesAPutWithoutADestinationName) {

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <new>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 #include <system_error>
@@ -60,15 +61,26 @@ class Reader {
         }
     }
 
-    // The text under `key`, or an empty one when the key is absent.
-    std::string text(const toml::table &table, std::string_view key, size_t max_length) const {
+    // The value under `key`, or nothing when the key is absent. `kind` says what it must be.
+    template <typename Value>
+    std::optional<Value> value(const toml::table &table, std::string_view key,
+                               const char *kind) const {
         const toml::node *node = table.get(key);
         if (node == nullptr)
-            return {};
-        const auto value = node->value_exact<std::string>();
-        const std::string name(key);
+            return std::nullopt;
+        auto found = node->value_exact<Value>();
+        if (!found)
+            fail(*node, std::string(key) + " must be " + kind);
+        return found;
+    }
+
+    // The text under `key`, or an empty one when the key is absent.
+    std::string text(const toml::table &table, std::string_view key, size_t max_length) const {
+        auto value = this->value<std::string>(table, key, "a string");
         if (!value)
-            fail(*node, name + " must be a string");
+            return {};
+        const toml::node *node = table.get(key);
+        const std::string name(key);
         if (value->size() > max_length)
             fail(*node, name + " is longer than " + std::to_string(max_length) + " bytes");
         const auto control = [](char c) {
@@ -76,7 +88,7 @@ class Reader {
         };
         if (std::any_of(value->begin(), value->end(), control))
             fail(*node, name + " holds a control character");
-        return *value;
+        return std::move(*value);
     }
 
     std::string required_text(const toml::table &table, std::string_view key,
@@ -92,27 +104,18 @@ class Reader {
     // The number under `key`, or `fallback` when the key is absent.
     uint32_t number(const toml::table &table, std::string_view key, int64_t least, int64_t most,
                     uint32_t fallback) const {
-        const toml::node *node = table.get(key);
-        if (node == nullptr)
-            return fallback;
-        const auto value = node->value_exact<int64_t>();
+        const auto value = this->value<int64_t>(table, key, "an integer");
         if (!value)
-            fail(*node, std::string(key) + " must be an integer");
+            return fallback;
         if (*value < least || *value > most)
-            fail(*node, std::string(key) + " is not between " + std::to_string(least) + " and " +
-                            std::to_string(most));
+            fail(*table.get(key), std::string(key) + " is not between " + std::to_string(least) +
+                                      " and " + std::to_string(most));
         return static_cast<uint32_t>(*value);
     }
 
     // The switch under `key`, off when the key is absent.
     bool flag(const toml::table &table, std::string_view key) const {
-        const toml::node *node = table.get(key);
-        if (node == nullptr)
-            return false;
-        const auto value = node->value_exact<bool>();
-        if (!value)
-            fail(*node, std::string(key) + " must be true or false");
-        return *value;
+        return value<bool>(table, key, "true or false").value_or(false);
     }
 
     std::string directory(const toml::table &table) const {
