@@ -441,3 +441,14 @@ def test_cut_path_is_at_least_253_octets_long(host):
     full = f"{path.parent.name}/{path.name}".encode()
     assert len(full) == 260
     wait_for(lambda: listed_paths(host) == [full[:253]], "the inventory lists the file")
+
+
+@pytest.mark.parametrize("table, status", [(CopyColumn, "CopyEntryStatus"),
+                                           (MiscColumn, "MiscOpEntryStatus")],
+                         ids=["copy", "misc"])
+def test_row_that_does_not_fit_into_a_full_table_is_refused_with_gen_err(idle_host, table, status):
+    says(status, "So is a SET that would create a row in a table that is full")
+    idle_host.agent_settings = {"max_rows": 1}
+    idle_host.start()
+    create(idle_host, table)
+    assert set_status(idle_host, table, CREATE_AND_WAIT, row=6) == ber.GEN_ERR

@@ -205,6 +205,10 @@ TEST_F(IncomingFile, RemovesWhatADeadProcessWasReceivingAndNothingElse) {
                                              ".tftp--1-01abef",
                                              ".tftp-0-01abef",
                                              ".tftp-01abef",
+                                             ".tftp-" + std::to_string(dead) + "-0x1abe",
+                                             ".tftp-" + std::to_string(dead) + "-+1abef",
+                                             ".tftp- " + std::to_string(dead) + "-01abef",
+                                             ".tftp-99999999999999999999-01abef",
                                              "image"};
     for (const std::string &name : others)
         write_file(flash + "/" + name, "text");

@@ -359,7 +359,42 @@ TEST_F(WorkersGroup, OfAWorkerThatRunsIsLeftAlone) {
     EXPECT_FALSE(readable(told[0]));
 }
 
-TEST_F(WorkersGroup, OfAWorkerThatHasReportedIsLeftAlone) {
+TEST_F(WorkersGroup, IsEndedBySigtermWhenItsWorkerReports) {
+    const pid_t worker = start_group([] {});
+    workers.reports(worker);
+    end(worker);
+    workers.reported(worker);
+    // The pipe ends with the last member.
+    close(told[1]);
+    char byte;
+    EXPECT_EQ(read(told[0], &byte, 1), 0);
+}
+
+TEST_F(WorkersGroup, OfNobodyElseGetsNoSignalWhenItsWorkerReports) {
+    const pid_t worker = start(7, [this] {
+        setpgid(0, 0);
+        static_cast<void>(!write(told[1], "x", 1));
+        for (;;)
+            pause();
+    });
+    char byte;
+    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    workers.settle(module);
+    workers.reports(worker);
+    EXPECT_TRUE(lost_in_the_end().empty());
+    end(worker);
+}
+
+TEST_F(WorkersGroup, OfAProcessThatIsNoWorkerGetsNoSignal) {
+    const pid_t worker = start_group([] {});
+    workers.reported(worker);
+    workers.reports(worker);
+    close(told[1]);
+    EXPECT_FALSE(readable(told[0]));
+    end(worker);
+}
+
+TEST_F(WorkersGroup, IsNotKilledOnceItsWorkerHasReported) {
     const pid_t worker = start_group([] {});
     end(worker);
     workers.reported(worker);

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <climits>
+#include <csignal>
 #include <filesystem>
 #include <ostream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -477,11 +479,42 @@ TEST_F(TftpPutTest, AFifoInTheCopysPlaceIsATransferErrorAndNoWaitBothWays) {
         expect_staging_failure(put_request(name));
 }
 
-TEST_F(TftpPutTest, AFullDiskIsATransferError) { expect_staging_failure(put_request("/dev/full")); }
+TEST_F(TftpPutTest, ADeviceInTheCopysPlaceIsNotWrittenTo) {
+    fs::create_symlink("/dev/null", "backup.bin");
+    for (const char *name : {"/dev/null", "backup.bin"})
+        expect_staging_failure(put_request(name));
+}
+
+// No file may become larger while it lives: to the writer that is a disk without space.
+class FullDisk {
+  public:
+    explicit FullDisk(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &former_);
+        handler_ = std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, former_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &former_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FullDisk(const FullDisk &) = delete;
+    FullDisk &operator=(const FullDisk &) = delete;
+
+  private:
+    rlimit former_{};
+    void (*handler_)(int) = SIG_DFL;
+};
+
+TEST_F(TftpPutTest, AFullDiskIsATransferError) {
+    const FullDisk disk(1000);
+    expect_staging_failure(put_request("backup.bin"));
+}
 
 TEST_F(TftpPutTest, AFullDiskIsNoticedForAFileSmallerThanABuffer) {
     fakes::write(source_, "x");
-    expect_staging_failure(put_request("/dev/full"));
+    const FullDisk disk(0);
+    expect_staging_failure(put_request("backup.bin"));
 }
 
 TEST_F(TftpPutTest, WithoutADestinationNameTheSourceFileIsCopiedByTheShell) {

@@ -194,9 +194,9 @@ int stage_by_own_name(const char *path) {
     return std::system(command) < 0 ? -1 : 0;
 }
 
-bool is_fifo(const char *path) {
+bool is_no_file(const char *path) {
     struct stat status;
-    return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+    return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 // Puts the file to send into the working directory, under the name that it is to have on the
@@ -204,8 +204,9 @@ bool is_fifo(const char *path) {
 int stage(const flashCopyEntry *entry) {
     const char *name = entry->destinationName[0] != '\0' ? entry->destinationName
                                                          : last_component(entry->sourcePath);
-    // A FIFO cannot be opened before somebody else opens its other end.
-    if (strict_refuses_staging(entry->destinationName) || (name != nullptr && is_fifo(name)))
+    // What the client would not send, it would be no good to write to: a FIFO's other end need
+    // never be opened, a device would take the content.
+    if (strict_refuses_staging(entry->destinationName) || (name != nullptr && is_no_file(name)))
         return -1;
     const mode_t mask = umask(077);
     const int result = entry->destinationName[0] == '\0'

@@ -195,8 +195,7 @@ bool CopyWorkers::group_gone(Worker &worker) const {
         return true;
     const Clock::time_point now = Clock::now();
     if (worker.stage == Stage::ended) {
-        // One that SIGTERM ended has passed it on. A second one can hit what the first one's
-        // handler in a script has just begun.
+        // One that SIGTERM ended has passed it on.
         if (end->si_code != CLD_KILLED || end->si_status != SIGTERM)
             kill(-worker.pid, SIGTERM);
         worker.stage = Stage::terminating;

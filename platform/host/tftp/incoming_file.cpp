@@ -3,11 +3,13 @@
 #include "tftp/directory.h"
 
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -38,13 +40,36 @@ std::string make_temporary(const Make &make) {
 }
 
 // Whether a name is that of a file which a process was receiving that is no more.
-bool is_leftover(const char *name) {
-    int owner = 0;
-    unsigned suffix = 0;
-    int length = 0;
-    return std::sscanf(name, ".tftp-%d-%6x%n", &owner, &suffix, &length) == 2 &&
-           name[length] == '\0' && owner > 0 && kill(owner, 0) != 0 && errno == ESRCH;
+bool is_leftover(std::string_view name) {
+    constexpr std::string_view prefix = ".tftp-";
+    constexpr std::size_t suffix_length = 6;
+    if (name.substr(0, prefix.size()) != prefix)
+        return false;
+    name.remove_prefix(prefix.size());
+    pid_t owner = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), owner);
+    const std::string_view rest(end, static_cast<std::size_t>(name.data() + name.size() - end));
+    return error == std::errc() && owner > 0 && rest.size() == 1 + suffix_length &&
+           rest[0] == '-' &&
+           rest.find_first_not_of("0123456789abcdef", 1) == std::string_view::npos &&
+           kill(owner, 0) != 0 && errno == ESRCH;
 }
+
+// Keeps signals away while it lives: one that ends the worker would leave a name behind.
+class SignalsBlocked {
+  public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &former_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+
+  private:
+    sigset_t former_;
+};
 
 // Removes from a directory what was being received when its process was ended: it could not.
 void remove_leftovers(UniqueFd directory) {
@@ -122,9 +147,8 @@ int IncomingFile::sync_directory() const {
     return errno;
 }
 
-int IncomingFile::commit() {
-    if (fchmod(file_.get(), mode_) != 0 || fsync(file_.get()) != 0)
-        return errno;
+int IncomingFile::take_place() {
+    const SignalsBlocked blocked;
     if (temporary_.empty()) {
         if (const int error = give_name())
             return error;
@@ -132,7 +156,14 @@ int IncomingFile::commit() {
     if (renameat(directory_.get(), temporary_.c_str(), directory_.get(), name_.c_str()) != 0)
         return errno;
     temporary_.clear();
-    return sync_directory();
+    return 0;
+}
+
+int IncomingFile::commit() {
+    if (fchmod(file_.get(), mode_) != 0 || fsync(file_.get()) != 0)
+        return errno;
+    const int error = take_place();
+    return error != 0 ? error : sync_directory();
 }
 
 } // namespace ruma

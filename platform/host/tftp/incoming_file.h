@@ -14,8 +14,9 @@ namespace ruma {
 // its path by then. The content is collected in a file without a name where the file system can do
 // that, else in a file beside the destination, ".tftp-", the process id, "-" and six random
 // characters; in both cases with the mode 0600. A name like that is needed for the last step, too.
-// Without commit() the destination is left alone and nothing else remains, unless the process is
-// killed while the content has a name: then the next that receives into the directory removes it.
+// Without commit() the destination is left alone and nothing else remains, unless the process ends
+// while the content has a name, which in the last step only a kill can bring about: then the next
+// that receives into the directory removes it, as no process of that id is there any more.
 class IncomingFile {
   public:
     IncomingFile() = default;
@@ -39,6 +40,7 @@ class IncomingFile {
   private:
     int open_named();
     int give_name();
+    int take_place();
     UniqueFd readable_directory() const; // of its own offset; none when it may not be read
     int sync_directory() const;
 

@@ -28,11 +28,11 @@ struct snmp_error_record {
  * until the request ends. */
 const char *get_snmp_username(int request);
 
-/* Returns an id of whoever sent the request that the agent is serving, 0 when there is none: always
- * the same for one manager, and another for another one. `request` is 0. (The host platform: a
- * positive digest of 31 bits, for SNMPv1 and SNMPv2c of the transport and the sender's address and
- * port, for SNMPv3 of the context's engine, its name and the user, wherever they send from. Two
- * managers have one id by chance only.) */
+/* Returns an id of whoever sent the request that the agent is serving, 0 when there is none: the
+ * same for all requests of one manager, and as a rule another for another one's. `request` is 0.
+ * (The host platform: a positive digest of 31 bits, for SNMPv1 and SNMPv2c of the transport and the
+ * sender's address and port, for SNMPv3 of the context's engine, its name and the user: one user in
+ * one context is one manager, wherever the requests come from.) */
 int32_t get_snmp_sessionid(int request);
 
 /* Enters a record into the agent's error log, with the user name and the session of the request

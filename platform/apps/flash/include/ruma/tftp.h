@@ -32,7 +32,9 @@ int tftp_connect(const char *server, int port);
  * be read by its owner alone; then a new file has the mode 0600, and one that is replaced hands its
  * permission bits on. The directory of `local` is opened once, no symbolic link on its path is
  * followed (-ELOOP), and the file appears in that very directory whatever stands at its path by
- * then; a link at `local` itself is replaced. `flags` is 0. Blocks until the transfer ends or one
+ * then; a link at `local` itself is replaced. (The host platform also removes from that
+ * directory what its own transfers of processes that are no more have left, ".tftp-" files.)
+ * `flags` is 0. Blocks until the transfer ends or one
  * of the limits of time is reached. */
 int tftp_get2(const char *remote, const char *local, int flags);
 
