@@ -12,6 +12,7 @@ import pytest
 from conftest import check_after, prepare
 from harness import (
     ACTIVE,
+    ADDRESSES,
     CREATE_AND_GO,
     IN_PROGRESS,
     NOT_IN_SERVICE,
@@ -344,6 +345,28 @@ def test_row_created_again_is_not_completed_by_its_former_worker(reporting_host,
     assert reporting_host.finish_copy(ROW) == SUCCESS
     assert notified(station) == SUCCESS
     assert notified(station, timeout=0.3) is None
+
+
+def test_report_of_a_former_worker_does_not_complete_a_row_that_was_created_again(host):
+    def start(row):
+        address = ADDRESSES.take()
+        server = host.enter(TftpServer(address, {"image.bin": CONTENT}, hold_at=10))
+        status = (f"{CopyColumn.ROW}.{row}", ber.integer(CREATE_AND_GO))
+        assert host.set(status, *copy_columns(row, server=address, **TFTP_COPY)) == ber.NO_ERROR
+        wait_for(server.held.is_set, "the transfer reaches its middle")
+        return server
+
+    former_server = start(7)
+    [former] = live_children(host.agent.pid)
+    start(8)
+    # Ends the worker that was started last, not the row's own.
+    assert host.destroy(7) == host.destroy(8) == ber.NO_ERROR
+    server = start(7)
+    former_server.release()
+    wait_for(lambda: former not in children(host), "the former worker has reported", timeout=20)
+    assert host.copy_status(7) == IN_PROGRESS
+    server.release()
+    assert host.finish_copy(7) == SUCCESS
 
 
 # --- Starts without a worker

@@ -29,8 +29,8 @@ def test_sigterm_ends_all_processes_within_a_second(client, standstill):
 
 
 @pytest.mark.parametrize("standstill", ["put"], indirect=True)
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGHUP])
-def test_sigint_and_sighup_do_as_sigterm_does(client, standstill, number):
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGALRM])
+def test_other_signals_that_ask_for_the_end_do_as_sigterm_does(client, standstill, number):
     end_by(number, client, standstill)
 
 

@@ -140,6 +140,17 @@ bool deliver_copy_status(pmb_message &message, const CopyModule &module) {
     return true;
 }
 
+bool is_another_by_now(const CopyStart &start, const CopyModule &module) {
+    flashCopyEntry row;
+    return read_row(module, start.row, row) && !(CopyStart{row.index, row.startTimestamp} == start);
+}
+
+void disown(pmb_message &message) {
+    CopyStatus status = payload_of(message);
+    status.index = no_row;
+    std::memcpy(message.payload, &status, sizeof status);
+}
+
 bool is_in_progress(const CopyStart &start, const CopyModule &module) {
     flashCopyEntry row;
     return read_row(module, start.row, row) && row.copyStatus == copy_in_progress &&

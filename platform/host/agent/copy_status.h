@@ -64,6 +64,13 @@ void remove_duplicate_callbacks();
 // May block as the module's callback does.
 bool deliver_copy_status(pmb_message &message, const CopyModule &module);
 
+// Tells whether the row of a start is there, but is another one by now: created anew, or started
+// once more.
+bool is_another_by_now(const CopyStart &start, const CopyModule &module);
+
+// Has a worker's message complete no row: the module then only reaps the worker.
+void disown(pmb_message &message);
+
 // Tells whether a start's row is there and still in progress since that start.
 bool is_in_progress(const CopyStart &start, const CopyModule &module);
 

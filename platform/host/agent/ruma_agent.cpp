@@ -74,7 +74,9 @@ void receive_message(pmb_message &message, const ruma::CopyModule &module) {
     } else if (!ruma::is_child(message.sender_pid)) {
         ++strange;
     } else {
-        workers.reports(message.sender_pid);
+        const auto start = workers.reports(message.sender_pid);
+        if (start && ruma::is_another_by_now(*start, module))
+            ruma::disown(message);
         if (ruma::deliver_copy_status(message, module))
             workers.reported(message.sender_pid);
         else

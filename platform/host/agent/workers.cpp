@@ -164,9 +164,13 @@ std::vector<CopyWorkers::Worker>::iterator CopyWorkers::find(pid_t pid) {
                         [pid](const Worker &each) { return each.pid == pid; });
 }
 
-void CopyWorkers::reports(pid_t pid) {
-    if (find(pid) != workers_.end() && group_lives(pid))
+std::optional<CopyStart> CopyWorkers::reports(pid_t pid) {
+    const auto worker = find(pid);
+    if (worker == workers_.end())
+        return {};
+    if (group_lives(pid))
         kill(-pid, SIGTERM);
+    return worker->start;
 }
 
 void CopyWorkers::reported(pid_t pid) {

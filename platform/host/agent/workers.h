@@ -45,7 +45,8 @@ class CopyWorkers {
     // Ends, by SIGTERM, what a worker has left running that sends its status message: its transfer
     // is over, but a shell of it that somebody else ended takes nothing with it. To be called
     // before the message is delivered, while the worker keeps its id; nothing follows later.
-    void reports(pid_t worker);
+    // Returns the start that the worker is for, nothing for a process that is no watched worker.
+    std::optional<CopyStart> reports(pid_t worker);
 
     // Forgets a worker whose status message was delivered: it is not lost, whatever it said.
     void reported(pid_t worker);

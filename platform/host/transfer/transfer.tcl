@@ -27,9 +27,9 @@ proc give_up {cause sentence} {
 #   input    the pipe that holds the script's arguments
 set supervisor {
     exec 3>/proc/self/fd/0 4<&0
-    trap "signalled=1; exec 3>&-" TERM INT HUP
+    trap "signalled=1; exec 3>&-" TERM INT HUP QUIT ALRM
     (
-        trap "" TERM INT HUP
+        trap "" TERM INT HUP QUIT ALRM
         exec "$0" -nN "$1" - 3>&-
     ) <&4 4<&- &
     script=$!
@@ -52,10 +52,10 @@ proc run_transfer {main} {
     global argv argv0 exitCodes
     if {$argv ne "-"} {
         # Nothing waits for events here.
-        trap {exit 5} {SIGTERM SIGINT SIGHUP}
+        trap {exit 5} {SIGTERM SIGINT SIGHUP SIGQUIT}
         supervise
     }
-    trap SIG_IGN {SIGTERM SIGINT SIGHUP}
+    trap SIG_IGN {SIGTERM SIGINT SIGHUP SIGQUIT}
     set cause done
     try {
         $main {*}[arguments]
