@@ -65,41 +65,48 @@ bool has_ended(pid_t pid) {
     return !end || end->si_pid == pid;
 }
 
-// Tells whether the process under a name in /proc belongs to a group, is not its leader and no
-// zombie.
-bool lives_in_group(int processes, const char *name, pid_t group) {
+// The process group of the process under a name in /proc; 0 for a zombie, for the leader of its
+// group, and for one that is gone.
+pid_t group_of_member(int processes, const char *name) {
     const UniqueFd file(
         openat(processes, (std::string(name) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
     char text[512];
     const ssize_t size = file ? read(file.get(), text, sizeof text - 1) : -1;
     if (size <= 0)
-        return false;
+        return 0;
     text[size] = '\0';
     // "PID (NAME) STATE PARENT GROUP ..."; the name can hold anything.
     const char *end = std::strrchr(text, ')');
-    if (end == nullptr || std::strlen(end) < 4)
-        return false;
-    const char state = end[2];
+    if (end == nullptr || std::strlen(end) < 4 || end[2] == 'Z' || end[2] == 'X')
+        return 0;
     char *parent_end = nullptr;
     std::strtol(end + 3, &parent_end, 10);
-    return std::strtol(parent_end, nullptr, 10) == group && state != 'Z' && state != 'X' &&
-           std::strtol(name, nullptr, 10) != group;
+    const long group = std::strtol(parent_end, nullptr, 10);
+    return group == std::strtol(name, nullptr, 10) ? 0 : static_cast<pid_t>(group);
 }
 
-// Tells whether somebody of a process group but its leader is left; also true when nobody knows.
-bool group_lives(pid_t group) {
-    // The worker may have ended before it had a group of its own.
-    if (kill(-group, 0) != 0 && errno == ESRCH)
-        return false;
-    const std::unique_ptr<DIR, int (*)(DIR *)> processes(opendir("/proc"), closedir);
-    if (processes == nullptr)
-        return true;
-    while (const dirent *entry = readdir(processes.get()))
-        if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9' &&
-            lives_in_group(dirfd(processes.get()), entry->d_name, group))
-            return true;
-    return false;
-}
+// The process groups in which somebody lives beside their leader.
+class LiveGroups {
+  public:
+    LiveGroups() {
+        const std::unique_ptr<DIR, int (*)(DIR *)> processes(opendir("/proc"), closedir);
+        known_ = processes != nullptr;
+        while (const dirent *entry = known_ ? readdir(processes.get()) : nullptr)
+            if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9')
+                groups_.push_back(group_of_member(dirfd(processes.get()), entry->d_name));
+        std::sort(groups_.begin(), groups_.end());
+    }
+
+    // Also true when nobody knows, but for a worker that ended before it had a group of its own.
+    bool hold(pid_t group) const {
+        return known_ ? std::binary_search(groups_.begin(), groups_.end(), group)
+                      : kill(-group, 0) == 0 || errno != ESRCH;
+    }
+
+  private:
+    bool known_ = false;
+    std::vector<pid_t> groups_;
+};
 
 } // namespace
 
@@ -168,7 +175,7 @@ std::optional<CopyStart> CopyWorkers::reports(pid_t pid) {
     const auto worker = find(pid);
     if (worker == workers_.end())
         return {};
-    if (group_lives(pid))
+    if (LiveGroups().hold(pid))
         kill(-pid, SIGTERM);
     return worker->start;
 }
@@ -191,11 +198,11 @@ void CopyWorkers::note_ended() {
 }
 
 // Signals go only while the worker is unreaped: its id may be another's afterwards.
-bool CopyWorkers::group_gone(Worker &worker) const {
+bool CopyWorkers::group_gone(Worker &worker, bool alive) const {
     if (worker.pid <= 0)
         return true;
     const auto end = end_of(worker.pid);
-    if (!end || !group_lives(worker.pid))
+    if (!end || !alive)
         return true;
     const Clock::time_point now = Clock::now();
     if (worker.stage == Stage::ended) {
@@ -215,8 +222,14 @@ bool CopyWorkers::group_gone(Worker &worker) const {
 std::vector<LostCopy> CopyWorkers::take_lost() {
     std::vector<LostCopy> lost;
     lost.reserve(workers_.size());
-    const auto gone = [this, &lost](Worker &worker) {
-        if (worker.stage == Stage::running || !group_gone(worker))
+    // Looked for once, however many have ended at a time.
+    std::optional<LiveGroups> groups;
+    const auto gone = [this, &lost, &groups](Worker &worker) {
+        if (worker.stage == Stage::running)
+            return false;
+        if (!groups)
+            groups.emplace();
+        if (!group_gone(worker, groups->hold(worker.pid)))
             return false;
         lost.push_back({worker.start, worker.pid});
         return true;

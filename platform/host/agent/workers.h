@@ -80,7 +80,7 @@ class CopyWorkers {
     std::vector<Worker>::iterator find(pid_t pid);
     void watch(Worker &worker);
     void unwatch(Worker &worker);
-    bool group_gone(Worker &worker) const;
+    bool group_gone(Worker &worker, bool alive) const;
 
     UniqueFd watched_; // epoll, over the workers' descriptors
     std::size_t descriptors_ = 0;
