@@ -69,10 +69,12 @@ closing_line() {
     "$python" "$root/scripts/sum-results" "$results"
 }
 
-# Installs the packages that are missing.
+# install_packages [PACKAGE...]: installs the packages that are missing, of packages.txt and those
+# named.
 install_packages() {
     local wanted missing=() package
     mapfile -t wanted < <(grep -v '^#' "$root/scripts/packages.txt")
+    wanted+=("$@")
     for package in "${wanted[@]}"; do
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             missing+=("$package")

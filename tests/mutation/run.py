@@ -1,0 +1,336 @@
+"""Puts small faults into the module, one by one, and runs the unit tests against each.
+
+A fault is a turned condition, a call or an assignment left out, two statements exchanged, a changed
+constant, operator, character of a text, or return value. Each is made in a copy of the source; the
+source is compiled without optimisation, linked with the unchanged others into a library, and the
+programs of tests/unit run with it, those first that have found most faults in that source, until one
+fails. They run in a sandbox that holds no other process and no writable file system: a faulty
+"kill" or "unlink" finds nothing.
+
+Faults that no test noticed are listed, with the reason if survivors.txt names one. Results are kept
+in the results file, so that a run that was ended goes on where it stopped; they hold as long as the
+faulty source is the same and tests are only added. --again runs the survivors once more, --fresh
+everything.
+"""
+
+import argparse
+import collections
+import json
+import os
+import random
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import threading
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+import mutants
+
+MODULE = "platform/apps/flash"
+# The sources, and the headers that hold code with the sources in which it is tried out.
+SOURCES = ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp", "flash_write.cpp",
+           "flash_copy.cpp", "flash_validate.cpp")
+HEADERS = {"include/flash_answer.h": ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp")}
+# Tried out by a program of its own, which includes it and nothing else of the module.
+STRICT_HEADER, STRICT_PROGRAM = "flash_strict.h", "strict_names"
+
+CPU_SECONDS = 10
+WALL_SECONDS = 40
+MEMORY = 2 << 30
+FILE_SIZE = 64 << 20
+
+NOT_COMPILING, FAILED, CRASHED, TIMED_OUT, SURVIVED = (
+    "not compiling", "test failed", "crashed", "timed out", "survived",
+)
+
+
+class Build:
+    """The unoptimised build of the unit tests, with the module as a library that can be replaced."""
+
+    def __init__(self, checkout: Path, build: Path):
+        self.checkout, self.build = checkout, build
+        self.work = build / "mutation"
+        self.commands = {
+            entry["file"]: entry["command"]
+            for entry in json.loads((build / "compile_commands.json").read_text())
+        }
+        self.original = self.work / "original"
+        self.objects = {source: self.original / f"{source}.o" for source in SOURCES}
+        self.programs = sorted(
+            path.stem for path in (checkout / "tests/unit").glob("*.cpp")
+            if path.stem != STRICT_PROGRAM
+        )
+        self.wraps = []
+        self.tests = {}  # how many each program has
+        shutil.rmtree(self.work, ignore_errors=True)
+        (self.work / "bin").mkdir(parents=True)
+        self.original.mkdir()
+
+    def run(self, command, **options):
+        return subprocess.run(command, cwd=self.build, capture_output=True, text=True,
+                              errors="replace", check=False, **options)
+
+    def compile_command(self, source: Path, copy: Path, output: Path):
+        """Compiles a copy as its source is compiled; what a fault leaves unused is no error."""
+        words = shlex.split(self.commands[str(source)])
+        if words[0].endswith("ccache"):
+            words = words[1:]
+        words[words.index("-o") + 1] = str(output)
+        words[words.index("-c") + 1] = str(copy)
+        # The tests see the module from outside the library.
+        return [*words, "-w", "-fvisibility=default", "-I", str(copy.parent)]
+
+    def library_command(self, objects, output: Path):
+        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.wraps, *map(str, objects), "-o",
+                str(output)]
+
+    def prepare(self, jobs: int) -> None:
+        links = {}
+        for program in self.programs:
+            listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
+            links[program] = shlex.split(listed[-1].split("&&")[1])
+        self.wraps = [word for word in links[self.programs[0]] if word.startswith("-Wl,--wrap=")]
+        for source, output in self.objects.items():
+            path = self.checkout / MODULE / source
+            self.must(self.compile_command(path, path, output))
+        library = self.original / "libflash.so"
+        self.must(self.library_command(self.objects.values(), library))
+
+        def link(program):
+            words = [word for word in links[program] if "flash_objects.dir" not in word]
+            output = words.index("-o") + 1
+            words[output] = str(self.work / "bin" / program)
+            words[output + 1 : output + 1] = [str(library)]
+            self.must(words)
+
+        with ThreadPoolExecutor(jobs) as pool:
+            list(pool.map(link, self.programs))
+        shutil.copy(self.build / "bin" / STRICT_PROGRAM, self.work / "bin")
+        for program in (*self.programs, STRICT_PROGRAM):
+            outcome, output = self.test(program, self.original)
+            if outcome is not None:
+                sys.exit(f"{program} fails without a fault:\n{output}")
+            self.tests[program] = passed(output)
+
+    def must(self, command) -> None:
+        done = self.run(command)
+        if done.returncode != 0:
+            sys.exit(f"{' '.join(command)}\n{done.stdout}{done.stderr}")
+
+    def test(self, program: str, libraries: Path):
+        """Runs a program with the module found in a directory: None when all of its tests passed,
+        or how it failed; and what it printed."""
+        binary = self.work / "bin" / program
+        if (libraries / program).exists():
+            binary = libraries / program
+        command = [
+            "prlimit", f"--cpu={CPU_SECONDS}", f"--as={MEMORY}", f"--fsize={FILE_SIZE}", "--core=0",
+            "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
+            "--tmpfs", "/tmp", "--tmpfs", "/var/tmp", "--ro-bind", self.checkout, self.checkout,
+            "--unshare-all", "--die-with-parent", "--new-session", "--cap-drop", "ALL",
+            "--chdir", "/tmp", binary, "--gtest_brief=1", "--gtest_fail_fast",
+        ]
+        environment = {**os.environ, "LD_LIBRARY_PATH": str(libraries)}
+        try:
+            done = self.run(list(map(str, command)), env=environment, timeout=WALL_SECONDS,
+                            stdin=subprocess.DEVNULL)
+        except subprocess.TimeoutExpired:
+            return TIMED_OUT, ""
+        if done.stderr.startswith("bwrap:"):
+            sys.exit(done.stderr)
+        if done.returncode in (128 + 9, 128 + 24):  # SIGXCPU, and SIGKILL a second later
+            return TIMED_OUT, done.stdout
+        if "[  FAILED  ]" in done.stdout:
+            return FAILED, done.stdout
+        if done.returncode != 0 or passed(done.stdout) != self.tests.get(program, passed(done.stdout)):
+            return CRASHED, done.stdout + done.stderr
+        return None, done.stdout
+
+    # --- One fault -------------------------------------------------------------------------------
+
+    def sources_of(self, file: str):
+        """The sources to compile for a fault in a file."""
+        name = file.removeprefix(f"{MODULE}/")
+        if name == STRICT_HEADER:
+            return [self.checkout / f"tests/unit/{STRICT_PROGRAM}.cpp"]
+        return [self.checkout / MODULE / source for source in HEADERS.get(name, (name,))]
+
+    def arguments(self, file: str):
+        """How libclang is to read a file."""
+        words = shlex.split(self.commands[str(self.sources_of(file)[0])])
+        wanted = [word for word in words if word.startswith(("-D", "-I", "-std"))]
+        if file.endswith(".h"):
+            wanted += ["-xc++", "-DORVEX_FLASH_STRICT"]
+        return wanted
+
+    def attempt(self, mutant, slot: Path, order):
+        """Tries a fault out: how it ended, and which test noticed it."""
+        shutil.rmtree(slot, ignore_errors=True)
+        slot.mkdir()
+        copy = slot / Path(mutant.file).name
+        copy.write_bytes(mutant.apply((self.checkout / mutant.file).read_bytes()))
+        objects = dict(self.objects)
+        sources = self.sources_of(mutant.file)
+        for source in sources:
+            output = slot / f"{source.name}.o"
+            command = self.compile_command(
+                source, source if mutant.file.endswith(".h") else copy, output)
+            if mutant.file.endswith(".h"):  # the faulty header comes before the good one
+                command[1:1] = ["-I", str(slot)]
+            if self.run(command).returncode != 0:
+                return NOT_COMPILING, ""
+            objects[source.name] = output
+        if mutant.file.endswith(STRICT_HEADER):
+            order = [STRICT_PROGRAM]
+            link = ["g++", str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main", "-lgtest",
+                    "-o", str(slot / STRICT_PROGRAM)]
+        else:
+            link = self.library_command(objects.values(), slot / "libflash.so")
+        if self.run(link).returncode != 0:
+            return NOT_COMPILING, ""
+        for program in order:
+            outcome, output = self.test(program, slot)
+            if outcome is not None:
+                named = re.search(r"\[  FAILED  \] ([\w/.]+)", output)
+                return outcome, f"{program} {named[1] if named else ''}".strip()
+        return SURVIVED, ""
+
+
+def passed(output: str) -> int:
+    found = re.search(r"\[  PASSED  \] (\d+) test", output)
+    return int(found[1]) if found else 0
+
+
+class Results:
+    """What became of each fault, kept in a file line by line."""
+
+    def __init__(self, path: Path, fresh: bool, again: bool):
+        self.path, self.lock = path, threading.Lock()
+        self.known = {}
+        self.noticed = collections.Counter()  # (file, program): faults found
+        if fresh:
+            path.unlink(missing_ok=True)
+        if path.exists():
+            for line in path.read_text().splitlines():
+                key, outcome, by, file, *_ = line.split("\t")
+                self.learn(key, outcome, by, file)
+        if again:
+            self.known = {key: one for key, one in self.known.items() if one[0] != SURVIVED}
+
+    def learn(self, key, outcome, by, file) -> None:
+        self.known[key] = outcome, by
+        if by:
+            self.noticed[file, by.split()[0]] += 1
+
+    def add(self, mutant, outcome, by) -> None:
+        with self.lock, self.path.open("a") as file:
+            self.learn(mutant.key, outcome, by, mutant.file)
+            print(mutant.key, outcome, by, mutant.file, mutant.line, mutant.name(), sep="\t",
+                  file=file)
+
+    def order(self, programs, file: str):
+        """The programs, those first that are most likely to notice a fault in a file."""
+        own = Path(file).stem.removeprefix("flash_")[:5]
+        return sorted(programs, key=lambda one: (-self.noticed[file, one], own not in one, one))
+
+
+def report(sample, results, reasons) -> int:
+    count = collections.Counter(results.known[mutant.key][0] for mutant in sample)
+    killed = count[FAILED] + count[CRASHED] + count[TIMED_OUT]
+    print("\nNot noticed:")
+    argued = 0
+    for mutant in sample:
+        if results.known[mutant.key][0] == SURVIVED:
+            reason = reasons.get(mutant.name())
+            argued += reason is not None
+            print(f"{mutant.file}:{mutant.line}: {mutant.name().partition(' ')[2]}")
+            print(f"    {reason or 'NO REASON LISTED'}")
+    print("\nBy file: killed of those that compile")
+    for file in dict.fromkeys(mutant.file for mutant in sample):
+        outcomes = [results.known[mutant.key][0] for mutant in sample if mutant.file == file]
+        compiling = [one for one in outcomes if one != NOT_COMPILING]
+        print(f"  {file}: {len(compiling) - compiling.count(SURVIVED)} of {len(compiling)}")
+    compiling = killed + count[SURVIVED]
+    print(
+        f"\n{len(sample)} mutants: {count[NOT_COMPILING]} not compiling, "
+        f"{count[FAILED]} killed by a failing test, "
+        f"{count[CRASHED] + count[TIMED_OUT]} killed by a crash or time-out, "
+        f"{count[SURVIVED]} survived ({argued} with a reason): "
+        f"{100 * killed / max(compiling, 1):.1f} percent killed"
+    )
+    return 0
+
+
+def listed_reasons(path: Path) -> dict:
+    """Lines of a fault's name, a tab, and why it stays unnoticed."""
+    lines = (line for line in path.read_text().splitlines() if line and not line.startswith("#"))
+    return dict(line.split("\t", 1) for line in lines)
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(
+        prog="scripts/mutate", description=__doc__,
+        formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--sample", type=int, metavar="N", help="try N of the faults (all)")
+    parser.add_argument("--seed", type=int, default=1, metavar="S", help="which N (1)")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(), metavar="J",
+                        help="how many at once (one a processor)")
+    parser.add_argument("--file", action="append", metavar="F",
+                        help="only faults in this file of the module; can be repeated")
+    parser.add_argument("--results", type=Path, metavar="FILE",
+                        help="the results file (build/mutate/results.tsv)")
+    parser.add_argument("--again", action="store_true", help="try survivors once more")
+    parser.add_argument("--fresh", action="store_true", help="forget earlier results")
+    parser.add_argument("--list", action="store_true", help="list the faults and try none")
+    arguments = parser.parse_args()
+
+    checkout = Path(os.environ["root"])
+    files = [f"{MODULE}/{name}" for name in (*SOURCES, *HEADERS, STRICT_HEADER)]
+    if arguments.file:
+        chosen = [file for file in files if Path(file).name in map(os.path.basename, arguments.file)]
+        if len(chosen) < len(set(arguments.file)):
+            parser.error(f"--file takes one of {', '.join(map(os.path.basename, files))}")
+        files = chosen
+    build = Build(checkout, checkout / "build/mutate")
+    sample = [
+        mutant for file in files for mutant in mutants.find(checkout, file, build.arguments(file))
+    ]
+    total = len(sample)
+    if arguments.sample is not None and arguments.sample < total:
+        picked = random.Random(arguments.seed).sample(range(total), arguments.sample)
+        sample = [sample[place] for place in sorted(picked)]
+    if arguments.list:
+        for mutant in sample:
+            print(f"{mutant.file}:{mutant.line}: {mutant.name().partition(' ')[2]}")
+        return 0
+
+    build.prepare(arguments.jobs)
+    results = Results(arguments.results or build.build / "results.tsv", arguments.fresh,
+                      arguments.again)
+    waiting = [mutant for mutant in sample if mutant.key not in results.known]
+    print(f"{total} faults can be made, {len(sample)} chosen, {len(waiting)} to try")
+    slots = [build.work / f"slot{number}" for number in range(arguments.jobs)]
+    free = threading.Lock()
+
+    def attempt(mutant):
+        with free:
+            slot = slots.pop()
+        try:
+            order = results.order(build.programs, mutant.file)
+            results.add(mutant, *build.attempt(mutant, slot, order))
+        finally:
+            with free:
+                slots.append(slot)
+
+    with ThreadPoolExecutor(arguments.jobs) as pool:
+        for number, _ in enumerate(pool.map(attempt, waiting), 1):
+            if number % 50 == 0:
+                print(f"{number} of {len(waiting)} tried", flush=True)
+    reasons = listed_reasons(Path(__file__).with_name("survivors.txt"))
+    return report(sample, results, reasons)
+
+
+sys.exit(main())
