@@ -2,13 +2,13 @@
 is a piece of text to replace.
 
 Not generated is what would change nothing by construction: comments, assertions at compile time,
-operands of sizeof, branches that are dead at compile time, and exchanged statements of which neither
-mentions what the other writes.
+operands of sizeof, branches that are dead at compile time, and exchanged statements of which only
+one has an effect beyond what it writes, and neither mentions what the other writes.
 """
 
 import hashlib
 import re
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
 from clang.cindex import CursorKind, Index, TypeKind
@@ -30,6 +30,9 @@ INTEGERS = (
     TypeKind.ULONGLONG,
 )
 FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE)
+# Calls that only look: no effect, and nothing in the tests records them.
+LOOKS = {"strlen", "strnlen", "strchr", "strrchr", "strcmp", "max", "min", "getpid", "getppid",
+         "getpgrp", "fileno", "ntohl", "inet_ntoa", "size"}
 # What only the strict build does: in the standard build these procedures answer false.
 STRICT_ONLY = "strict_refuses_"
 
@@ -45,9 +48,10 @@ class Mutant:
     end: int
     replacement: str
     key: str  # the same as long as the file's content is
+    text: bytes = field(repr=False)  # of the file without the fault
 
-    def apply(self, text: bytes) -> bytes:
-        return text[: self.start] + self.replacement.encode() + text[self.end :]
+    def faulty(self) -> bytes:
+        return self.text[: self.start] + self.replacement.encode() + self.text[self.end :]
 
     def name(self) -> str:
         """Names the fault without its line: what its argument is listed under."""
@@ -82,9 +86,13 @@ class Finder:
         unit = Index.create().parse(str(self.path), args=arguments)
         errors = [str(note) for note in unit.diagnostics if note.severity >= 3]
         assert not errors, errors
-        for cursor in unit.cursor.get_children():
-            if cursor.location.file and Path(cursor.location.file.name) == self.path:
-                self.visit(cursor)
+        own = [cursor for cursor in unit.cursor.get_children()
+               if cursor.location.file and Path(cursor.location.file.name) == self.path]
+        self.looks = set(LOOKS)
+        for cursor in own:
+            self.learn(cursor)
+        for cursor in own:
+            self.visit(cursor)
 
     # --- Text ------------------------------------------------------------------------------------
 
@@ -110,7 +118,7 @@ class Finder:
         self.found.setdefault(
             (start, end, replacement),
             Mutant(self.file, line, self.function, kind, squeezed(what), start, end, replacement,
-                   key),
+                   key, self.text),
         )
 
     def replace(self, kind, cursor, replacement) -> None:
@@ -441,8 +449,19 @@ class Finder:
         self.add("exchanged", first.location.line, start, end, swapped.decode(),
                  f"{self.source(first)} <-> {self.source(second)}")
 
+    def learn(self, cursor) -> None:
+        """Learns which procedures of the file only look."""
+        if cursor.kind in FUNCTIONS:
+            parts = list(cursor.walk_preorder())
+            if not self.calls(cursor) and all(self.writes(part) is None for part in parts):
+                self.looks.add(cursor.spelling)
+        elif cursor.kind == CursorKind.NAMESPACE:
+            for child in cursor.get_children():
+                self.learn(child)
+
     def calls(self, cursor) -> bool:
-        return any(part.kind == CursorKind.CALL_EXPR for part in cursor.walk_preorder())
+        return any(part.kind == CursorKind.CALL_EXPR and part.spelling not in self.looks
+                   for part in cursor.walk_preorder())
 
     def matter(self, first, second) -> bool:
         """Whether the order of two statements can be seen."""

@@ -15,6 +15,7 @@ everything.
 
 import argparse
 import collections
+import fcntl
 import json
 import os
 import random
@@ -65,9 +66,6 @@ class Build:
         )
         self.wraps = []
         self.tests = {}  # how many each program has
-        shutil.rmtree(self.work, ignore_errors=True)
-        (self.work / "bin").mkdir(parents=True)
-        self.original.mkdir()
 
     def run(self, command, **options):
         return subprocess.run(command, cwd=self.build, capture_output=True, text=True,
@@ -80,14 +78,19 @@ class Build:
             words = words[1:]
         words[words.index("-o") + 1] = str(output)
         words[words.index("-c") + 1] = str(copy)
-        # The tests see the module from outside the library.
-        return [*words, "-w", "-fvisibility=default", "-I", str(copy.parent)]
+        # The tests see the module from outside the library. What a fault leaves uninitialised is not
+        # zero by chance.
+        return [*words, "-w", "-fvisibility=default", "-ftrivial-auto-var-init=pattern", "-I",
+                str(copy.parent)]
 
     def library_command(self, objects, output: Path):
         return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.wraps, *map(str, objects), "-o",
                 str(output)]
 
     def prepare(self, jobs: int) -> None:
+        shutil.rmtree(self.work, ignore_errors=True)
+        (self.work / "bin").mkdir(parents=True)
+        self.original.mkdir()
         links = {}
         for program in self.programs:
             listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
@@ -171,7 +174,7 @@ class Build:
         shutil.rmtree(slot, ignore_errors=True)
         slot.mkdir()
         copy = slot / Path(mutant.file).name
-        copy.write_bytes(mutant.apply((self.checkout / mutant.file).read_bytes()))
+        copy.write_bytes(mutant.faulty())
         objects = dict(self.objects)
         sources = self.sources_of(mutant.file)
         for source in sources:
@@ -307,6 +310,11 @@ def main() -> int:
             print(f"{mutant.file}:{mutant.line}: {mutant.name().partition(' ')[2]}")
         return 0
 
+    lock = (build.build / "lock").open("w")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        parser.error("another run works in build/mutate")
     build.prepare(arguments.jobs)
     results = Results(arguments.results or build.build / "results.tsv", arguments.fresh,
                       arguments.again)
