@@ -32,7 +32,7 @@ INTEGERS = (
 FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE)
 # Calls that only look: no effect, and nothing in the tests records them.
 LOOKS = {"strlen", "strnlen", "strchr", "strrchr", "strcmp", "max", "min", "getpid", "getppid",
-         "getpgrp", "fileno", "ntohl", "inet_ntoa", "size"}
+         "getpgrp", "fileno", "ntohl", "inet_ntoa", "size", "__errno_location", "__builtin_va_end"}
 # What only the strict build does: in the standard build these procedures answer false.
 STRICT_ONLY = "strict_refuses_"
 
@@ -404,7 +404,8 @@ class Finder:
         plain = unwrapped(statement)
         if (
             statement.kind in JUMPS and next(statement.get_children(), None) is None
-            or plain.kind in (CursorKind.CALL_EXPR, CursorKind.COMPOUND_ASSIGNMENT_OPERATOR)
+            or plain.kind == CursorKind.CALL_EXPR and plain.spelling not in LOOKS
+            or plain.kind == CursorKind.COMPOUND_ASSIGNMENT_OPERATOR
             or self.writes(plain) is not None
         ):
             start, end = self.whole(statement)
@@ -475,7 +476,7 @@ class Finder:
 
     def mentions(self, statement, written: str) -> bool:
         """Whether a statement has to do with what is written: with it, or with all that it is in."""
-        text = self.source(statement)
+        text = re.sub(r"\bsizeof\b\s*\(?[\w.>-]+", "", self.source(statement))
         outermost = re.search(r"[A-Za-z_]\w*", written)[0]
         member = rf"\b{outermost}\b" + ("" if written[0] == "*" else r"(?!->|\.|\[\d)")
         return written in text or re.search(member, text) is not None

@@ -106,7 +106,11 @@ class Build:
             words = [word for word in links[program] if "flash_objects.dir" not in word]
             output = words.index("-o") + 1
             words[output] = str(self.work / "bin" / program)
-            words[output + 1 : output + 1] = [str(library)]
+            # The library calls the fakes, which the linker does not know from an archive alone.
+            fakes = next(word for word in words if word.endswith("ruma_fakes.a"))
+            words[output + 1 : output + 1] = [
+                str(library), "-Wl,--whole-archive", fakes, "-Wl,--no-whole-archive"
+            ]
             self.must(words)
 
         with ThreadPoolExecutor(jobs) as pool:

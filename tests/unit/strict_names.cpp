@@ -22,6 +22,11 @@ TEST(Strict, EachCharacterWithAMeaningToAShellIsRefused) {
         EXPECT_TRUE(refused(std::string("na") + character + "me")) << character;
 }
 
+TEST(Strict, ACharacterIsRefusedWhereverItStands) {
+    for (const char *name : {";name", "na;me", "name;", ";"})
+        EXPECT_TRUE(refused(name)) << name;
+}
+
 TEST(Strict, EachControlCharacterIsRefused) {
     for (char character = 0; character < ' '; character++)
         EXPECT_TRUE(refused(std::string("name") + character)) << static_cast<int>(character);
@@ -46,6 +51,8 @@ TEST(Strict, APathWithAnyOtherCharacterIsRefused) {
 }
 
 TEST(Strict, RowIndexesAbove2147483647AreRefused) {
+    EXPECT_FALSE(flash::strict_refuses_index(0));
+    EXPECT_FALSE(flash::strict_refuses_index(1));
     EXPECT_FALSE(flash::strict_refuses_index(INT32_MAX));
     EXPECT_TRUE(flash::strict_refuses_index(INT32_MIN));
     EXPECT_TRUE(flash::strict_refuses_index(-1));

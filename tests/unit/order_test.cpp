@@ -1,0 +1,94 @@
+// What comes before what, and the arguments of calls that have no effect of their own.
+#include "fakes/fixture.h"
+
+#include "flash_trace.h"
+
+#include <fcntl.h>
+
+namespace {
+
+using fakes::Lines;
+using fakes::os;
+using fakes::platform;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+
+class Order : public fakes::FlashTest {};
+
+TEST_F(Order, AMessageIsStoredBeforeDebugPrintingIsAskedFor) {
+    platform().debug_on = true;
+    flash::flash_trace(flash::traceDebug, "text");
+    EXPECT_THAT(fakes::trace_calls(),
+                ElementsAre("evwrap_hist_event_subtype_check id=0x730000 subtype=101",
+                            "evwrap_hist_event id=0x730000 length=9",
+                            "evwrap_chk_int subtype=101 0 0 1", testing::StartsWith("dbgout")));
+}
+
+TEST_F(Order, AFailingPipeIsSaidOnStandardErrorBeforeItIsTraced) {
+    os().pipe.returns(-1, EMFILE);
+    fakes::Capture errors(STDERR_FILENO);
+    std::vector<std::string> said;
+    platform().evwrap_hist_event_subtype_check.does([&](uint32_t, uint32_t) {
+        said.push_back(errors.text());
+        return 1;
+    });
+    init_orvex_flash_mib();
+    ASSERT_FALSE(said.empty());
+    EXPECT_EQ(said[0], "Could not open the pipe\n");
+}
+
+TEST_F(Order, AFailingRegistrationGivesTokenAndTextTheSameArguments) {
+    os().register_mib.returns(-1);
+    os().snmp_get_do_debugging.always(1);
+    init_orvex_flash_mib();
+    const std::string header =
+        "init_orvex_flash_mib(): platform/apps/flash/orvex_flash_mib, 3027:\n";
+    EXPECT_EQ(
+        fakes::calls("debugmsg"),
+        (Lines{"debugmsgtoken token=trace text=" + header, "debugmsg token=trace text=" + header,
+               "debugmsgtoken token=register_mib text=orvex_flash_mib registration failed\n",
+               "debugmsg token=register_mib text=orvex_flash_mib registration failed\n"}));
+}
+
+TEST_F(Order, ASecondStartClosesAFormerPipeOnDescriptorZero) {
+    const int saved = fcntl(STDIN_FILENO, F_DUPFD, 100);
+    ASSERT_GE(saved, 0);
+    ::close(STDIN_FILENO);
+    os().fdopen.returns(nullptr, ENOMEM);
+    init_orvex_flash_mib();
+    EXPECT_EQ(mypipe[0], STDIN_FILENO);
+    os().pipe.returns(-1, EMFILE);
+    {
+        fakes::Capture errors(STDERR_FILENO);
+        init_orvex_flash_mib();
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(saved, STDIN_FILENO);
+    ::close(saved);
+}
+
+TEST_F(Order, EveryLookUpInTheContainerHasZeroFlags) {
+    fakes::add_copy_row(7);
+    fakes::add_misc_row(7);
+    const flashCopyEntry copy = *fakes::stored_copy_row(7);
+    const flashMiscOpEntry misc = *fakes::stored_misc_row(7);
+    fakes::forget();
+    EXPECT_EQ(setFlashCopyEntry(&copy), flash::success);
+    EXPECT_EQ(setFlashMiscOpEntry(&misc), flash::success);
+    EXPECT_NE(fakes::get(56, {7}).value, nullptr);
+    EXPECT_NE(fakes::get(76, {7}).value, nullptr);
+    EXPECT_EQ(fakes::container_calls("ordset_find ").size(), 5U);
+    EXPECT_THAT(fakes::container_calls("ordset_find "), Each(EndsWith(" key=7 flags=0")));
+}
+
+TEST_F(Order, ATableFoundEmptyAfterAMatchIsNotSearched) {
+    fakes::add_copy_row(7);
+    platform().ordset_size.always(0);
+    fakes::forget();
+    EXPECT_EQ(fakes::getnext(56).value, nullptr);
+    EXPECT_THAT(fakes::container_calls("ordset_find "), IsEmpty());
+}
+
+} // namespace
