@@ -10,7 +10,8 @@ fails. They run in a sandbox that holds no other process and no writable file sy
 Faults that no test noticed are listed, with the reason if survivors.txt names one. Results are kept
 in the results file, so that a run that was ended goes on where it stopped; they hold as long as the
 faulty source is the same and tests are only added. --again runs the survivors once more, --fresh
-everything.
+everything. --sanitize runs what survives once more under the sanitizers, as scripts/test runs the unit
+tests.
 """
 
 import argparse
@@ -18,6 +19,7 @@ import collections
 import fcntl
 import json
 import os
+import queue
 import random
 import re
 import shlex
@@ -38,10 +40,10 @@ HEADERS = {"include/flash_answer.h": ("orvex_flash_mib.cpp", "flash_rows.cpp", "
 # Tried out by a program of its own, which includes it and nothing else of the module.
 STRICT_HEADER, STRICT_PROGRAM = "flash_strict.h", "strict_names"
 
-CPU_SECONDS = 10
 WALL_SECONDS = 40
-MEMORY = 2 << 30
-FILE_SIZE = 64 << 20
+# Seconds of processor time, bytes of a file, bytes of memory. The sanitizers' shadow takes terabytes.
+SANITIZED_LIMITS = ("--cpu=20", f"--fsize={64 << 20}")
+LIMITS = (*SANITIZED_LIMITS, f"--as={2 << 30}")
 
 NOT_COMPILING, FAILED, CRASHED, TIMED_OUT, SURVIVED = (
     "not compiling", "test failed", "crashed", "timed out", "survived",
@@ -49,10 +51,10 @@ NOT_COMPILING, FAILED, CRASHED, TIMED_OUT, SURVIVED = (
 
 
 class Build:
-    """The unoptimised build of the unit tests, with the module as a library that can be replaced."""
+    """A build of the unit tests, with the module as a library that can be replaced."""
 
-    def __init__(self, checkout: Path, build: Path):
-        self.checkout, self.build = checkout, build
+    def __init__(self, checkout: Path, build: Path, limits):
+        self.checkout, self.build, self.limits = checkout, build, limits
         self.work = build / "mutation"
         self.commands = {
             entry["file"]: entry["command"]
@@ -64,7 +66,7 @@ class Build:
             path.stem for path in (checkout / "tests/unit").glob("*.cpp")
             if path.stem != STRICT_PROGRAM
         )
-        self.wraps = []
+        self.link_flags = []
         self.tests = {}  # how many each program has
 
     def run(self, command, **options):
@@ -84,7 +86,7 @@ class Build:
                 str(copy.parent)]
 
     def library_command(self, objects, output: Path):
-        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.wraps, *map(str, objects), "-o",
+        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.link_flags, *map(str, objects), "-o",
                 str(output)]
 
     def prepare(self, jobs: int) -> None:
@@ -95,7 +97,8 @@ class Build:
         for program in self.programs:
             listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
             links[program] = shlex.split(listed[-1].split("&&")[1])
-        self.wraps = [word for word in links[self.programs[0]] if word.startswith("-Wl,--wrap=")]
+        self.link_flags = [word for word in links[self.programs[0]]
+                           if word.startswith(("-Wl,--wrap=", "-fsanitize"))]
         for source, output in self.objects.items():
             path = self.checkout / MODULE / source
             self.must(self.compile_command(path, path, output))
@@ -109,7 +112,7 @@ class Build:
             # The library calls the fakes, which the linker does not know from an archive alone.
             fakes = next(word for word in words if word.endswith("ruma_fakes.a"))
             words[output + 1 : output + 1] = [
-                str(library), "-Wl,--whole-archive", fakes, "-Wl,--no-whole-archive"
+                "-Wl,--whole-archive", fakes, "-Wl,--no-whole-archive", str(library)
             ]
             self.must(words)
 
@@ -134,8 +137,7 @@ class Build:
         if (libraries / program).exists():
             binary = libraries / program
         command = [
-            "prlimit", f"--cpu={CPU_SECONDS}", f"--as={MEMORY}", f"--fsize={FILE_SIZE}", "--core=0",
-            "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
+            "prlimit", *self.limits, "--core=0", "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
             "--tmpfs", "/tmp", "--tmpfs", "/var/tmp", "--ro-bind", self.checkout, self.checkout,
             "--unshare-all", "--die-with-parent", "--new-session", "--cap-drop", "ALL",
             "--chdir", "/tmp", binary, "--gtest_brief=1", "--gtest_fail_fast",
@@ -192,7 +194,7 @@ class Build:
             objects[source.name] = output
         if mutant.file.endswith(STRICT_HEADER):
             order = [STRICT_PROGRAM]
-            link = ["g++", str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main", "-lgtest",
+            link = ["g++", *self.link_flags, str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main", "-lgtest",
                     "-o", str(slot / STRICT_PROGRAM)]
         else:
             link = self.library_command(objects.values(), slot / "libflash.so")
@@ -238,10 +240,32 @@ class Results:
             print(mutant.key, outcome, by, mutant.file, mutant.line, mutant.name(), sep="\t",
                   file=file)
 
-    def order(self, programs, file: str):
+    def order(self, build: Build, file: str):
         """The programs, those first that are most likely to notice a fault in a file."""
         own = Path(file).stem.removeprefix("flash_")[:5]
-        return sorted(programs, key=lambda one: (-self.noticed[file, one], own not in one, one))
+        return sorted(build.programs, key=lambda one: (-self.noticed[file, one], own not in one, one))
+
+
+def attempt_all(build: Build, waiting, results: Results, jobs: int) -> None:
+    """Tries faults out, `jobs` at once, each in a directory of its own."""
+    if not waiting:
+        return
+    build.prepare(jobs)
+    slots = queue.SimpleQueue()
+    for number in range(jobs):
+        slots.put(build.work / f"slot{number}")
+
+    def attempt(mutant):
+        slot = slots.get()
+        try:
+            results.add(mutant, *build.attempt(mutant, slot, results.order(build, mutant.file)))
+        finally:
+            slots.put(slot)
+
+    with ThreadPoolExecutor(jobs) as pool:
+        for number, _ in enumerate(pool.map(attempt, waiting), 1):
+            if number % 50 == 0:
+                print(f"{number} of {len(waiting)} tried", flush=True)
 
 
 def report(sample, results, reasons) -> int:
@@ -291,6 +315,8 @@ def main() -> int:
                         help="the results file (build/mutate/results.tsv)")
     parser.add_argument("--again", action="store_true", help="try survivors once more")
     parser.add_argument("--fresh", action="store_true", help="forget earlier results")
+    parser.add_argument("--sanitize", action="store_true",
+                        help="try what survives under the sanitizers as well")
     parser.add_argument("--list", action="store_true", help="list the faults and try none")
     arguments = parser.parse_args()
 
@@ -301,7 +327,7 @@ def main() -> int:
         if len(chosen) < len(set(arguments.file)):
             parser.error(f"--file takes one of {', '.join(map(os.path.basename, files))}")
         files = chosen
-    build = Build(checkout, checkout / "build/mutate")
+    build = Build(checkout, checkout / "build/mutate", LIMITS)
     sample = [
         mutant for file in files for mutant in mutants.find(checkout, file, build.arguments(file))
     ]
@@ -319,28 +345,16 @@ def main() -> int:
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
     except BlockingIOError:
         parser.error("another run works in build/mutate")
-    build.prepare(arguments.jobs)
     results = Results(arguments.results or build.build / "results.tsv", arguments.fresh,
                       arguments.again)
     waiting = [mutant for mutant in sample if mutant.key not in results.known]
-    print(f"{total} faults can be made, {len(sample)} chosen, {len(waiting)} to try")
-    slots = [build.work / f"slot{number}" for number in range(arguments.jobs)]
-    free = threading.Lock()
-
-    def attempt(mutant):
-        with free:
-            slot = slots.pop()
-        try:
-            order = results.order(build.programs, mutant.file)
-            results.add(mutant, *build.attempt(mutant, slot, order))
-        finally:
-            with free:
-                slots.append(slot)
-
-    with ThreadPoolExecutor(arguments.jobs) as pool:
-        for number, _ in enumerate(pool.map(attempt, waiting), 1):
-            if number % 50 == 0:
-                print(f"{number} of {len(waiting)} tried", flush=True)
+    print(f"{total} faults can be made, {len(sample)} chosen, {len(waiting)} to try", flush=True)
+    attempt_all(build, waiting, results, arguments.jobs)
+    if arguments.sanitize:
+        waiting = [mutant for mutant in sample if results.known[mutant.key][0] == SURVIVED]
+        print(f"{len(waiting)} survivors to try under the sanitizers", flush=True)
+        sanitized = Build(checkout, checkout / "build/asan", SANITIZED_LIMITS)
+        attempt_all(sanitized, waiting, results, arguments.jobs)
     reasons = listed_reasons(Path(__file__).with_name("survivors.txt"))
     return report(sample, results, reasons)
 

@@ -39,6 +39,17 @@ TEST_F(Order, AFailingPipeIsSaidOnStandardErrorBeforeItIsTraced) {
     EXPECT_EQ(said[0], "Could not open the pipe\n");
 }
 
+TEST_F(Order, ARefusalIsSaidOnStandardErrorBeforeItIsTraced) {
+    fakes::Capture errors(STDERR_FILENO);
+    std::string said;
+    platform().evwrap_hist_event_subtype_check.does([&](uint32_t, uint32_t) {
+        said = errors.text();
+        return 1;
+    });
+    EXPECT_EQ(fakes::set_integer(set_orvexFlashCopyProtocol, 0, 51, 7, 3), SNMP_ERR_WRONGVALUE);
+    EXPECT_EQ(said, "write to orvexFlashCopyProtocol: invalid value\n");
+}
+
 TEST_F(Order, AFailingRegistrationGivesTokenAndTextTheSameArguments) {
     os().register_mib.returns(-1);
     os().snmp_get_do_debugging.always(1);
