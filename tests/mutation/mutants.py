@@ -77,6 +77,7 @@ class Finder:
         self.file = file
         self.path = checkout / file
         self.text = self.path.read_bytes()
+        self.lines = self.text.decode().splitlines()
         self.digest = hashlib.sha1(self.text).hexdigest()
         self.function = "(file)"
         self.result = None  # type of the function
@@ -122,8 +123,11 @@ class Finder:
         )
 
     def replace(self, kind, cursor, replacement) -> None:
-        self.add(kind, cursor.location.line, cursor.extent.start.offset, cursor.extent.end.offset,
-                 replacement, f"{self.source(cursor)} -> {replacement}")
+        what = f"{self.source(cursor)} -> {replacement}"
+        if kind == "constant":
+            what += f" in {self.lines[cursor.extent.start.line - 1]}"
+        self.add(kind, cursor.extent.start.line, cursor.extent.start.offset,
+                 cursor.extent.end.offset, replacement, what)
 
     # --- The tree --------------------------------------------------------------------------------
 
@@ -179,10 +183,7 @@ class Finder:
         self.visit_children(cursor)
 
     def visit_children(self, cursor) -> None:
-        children = list(cursor.get_children())
-        if cursor.kind == CursorKind.IF_STMT and STRICT_ONLY in self.source(children[0]):
-            children = children[:1]
-        for child in children:
+        for child in cursor.get_children():
             self.visit(child)
 
     def numbers_only(self, cursor) -> bool:
@@ -194,7 +195,7 @@ class Finder:
     def dead(self, cursor) -> bool:
         """Whether one side of a choice is never compiled: the choice is made at compile time."""
         if cursor.kind == CursorKind.IF_STMT:
-            return re.match(r"if\s+constexpr", self.source(cursor)) is not None
+            return re.match(rf"if\s+constexpr|if \(.*\b{STRICT_ONLY}", self.source(cursor)) is not None
         if cursor.kind != CursorKind.CONDITIONAL_OPERATOR:
             return False
         chosen = unwrapped(next(cursor.get_children()))
@@ -440,7 +441,7 @@ class Finder:
         return None
 
     def exchange(self, first, second) -> None:
-        if any(one.kind in JUMPS + LABELS for one in (first, second)):
+        if any(one.kind in JUMPS + LABELS or self.dead(one) for one in (first, second)):
             return
         if not (self.matter(first, second) and self.declares_nothing_for(first, second)):
             return

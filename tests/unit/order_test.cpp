@@ -2,6 +2,7 @@
 #include "fakes/fixture.h"
 
 #include "flash_trace.h"
+#include "flash_write.h"
 
 #include <fcntl.h>
 

@@ -1,0 +1,69 @@
+// Values and names of a SET that no manager sends and the agent lets through.
+#include "fakes/fixture.h"
+
+#include "flash_write.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int reserve1 = 0;
+constexpr int reserve2 = 1;
+constexpr int action = 2;
+
+class SetValues : public fakes::FlashTest {};
+
+struct TextColumn {
+    WriteMethod *method;
+    int magic;
+};
+constexpr TextColumn texts[] = {
+    {set_orvexFlashCopySourceName, 53},        {set_orvexFlashCopyDestinationName, 54},
+    {set_orvexFlashCopyRemoteUserName, 55},    {set_orvexFlashCopyPassword, 60},
+    {set_orvexFlashMiscOpDestinationName, 75},
+};
+
+TEST_F(SetValues, ATextThatIsNowhereHasAWrongLength) {
+    fakes::Capture errors(STDERR_FILENO);
+    for (const TextColumn &column : texts) {
+        fakes::Oid name = fakes::instance_of(column.magic, {7});
+        EXPECT_EQ(
+            column.method(reserve1, nullptr, ASN_OCTET_STR, 5, nullptr, name.data(), name.size()),
+            SNMP_ERR_WRONGLENGTH)
+            << column.magic;
+    }
+}
+
+TEST_F(SetValues, NothingBehindAnEmbeddedNulIsKeptInTheRow) {
+    using namespace std::string_view_literals;
+    fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
+    ASSERT_EQ(fakes::set_text(set_orvexFlashCopyPassword, reserve2, 60, 7, "ab\0cd"sv),
+              SNMP_ERR_NOERROR);
+    const flashCopyEntry row = *fakes::stored_copy_row(7);
+    EXPECT_STREQ(row.password, "ab");
+    EXPECT_TRUE(std::all_of(row.password + 2, std::end(row.password),
+                            [](char byte) { return byte == '\0'; }));
+}
+
+TEST_F(SetValues, ANameWithoutArcsNamesNoRow) {
+    fakes::add_copy_row(1, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
+    long value = flash::rowActive;
+    auto *bytes = reinterpret_cast<u_char *>(&value);
+    oid nowhere = 1;
+    EXPECT_EQ(set_orvexFlashCopyEntryStatus(action, bytes, ASN_INTEGER, sizeof value, nullptr,
+                                            &nowhere, 0),
+              SNMP_ERR_GENERR);
+    EXPECT_TRUE(fakes::traced(101, "Row with Index 0 cannot be created \n"));
+    EXPECT_EQ(
+        set_orvexFlashCopyCommand(action, bytes, ASN_INTEGER, sizeof value, nullptr, &nowhere, 0),
+        SNMP_ERR_NOSUCHNAME);
+}
+
+TEST_F(SetValues, ANameOfOneArcNamesTheRowOfThatArc) {
+    fakes::add_copy_row(7);
+    oid name = 7;
+    EXPECT_EQ(set_orvexFlashCopyCommand(action, nullptr, ASN_INTEGER, 0, nullptr, &name, 1),
+              SNMP_ERR_NOERROR);
+}
+
+} // namespace
