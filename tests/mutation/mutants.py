@@ -1,5 +1,5 @@
-"""Finds the small faults that can be put into a source: its syntax tree comes from libclang, a fault
-is a piece of text to replace.
+"""Finds the small faults that can be put into a source: its syntax tree comes from libclang, a
+fault is a piece of text to replace.
 
 Not generated is what would change nothing by construction: comments, assertions at compile time,
 operands of sizeof, branches that are dead at compile time, and exchanged statements of which only
@@ -195,7 +195,8 @@ class Finder:
     def dead(self, cursor) -> bool:
         """Whether one side of a choice is never compiled: the choice is made at compile time."""
         if cursor.kind == CursorKind.IF_STMT:
-            return re.match(rf"if\s+constexpr|if \(.*\b{STRICT_ONLY}", self.source(cursor)) is not None
+            never = rf"if\s+constexpr|if \(.*\b{STRICT_ONLY}"
+            return re.match(never, self.source(cursor)) is not None
         if cursor.kind != CursorKind.CONDITIONAL_OPERATOR:
             return False
         chosen = unwrapped(next(cursor.get_children()))
@@ -447,7 +448,8 @@ class Finder:
             return
         start, middle = self.whole(first)
         following, end = self.whole(second)
-        swapped = self.text[following:end] + self.text[middle:following] + self.text[start:middle]
+        gap = self.text[middle:following]
+        swapped = self.text[following:end] + gap + self.text[start:middle]
         self.add("exchanged", first.location.line, start, end, swapped.decode(),
                  f"{self.source(first)} <-> {self.source(second)}")
 

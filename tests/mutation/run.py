@@ -3,14 +3,14 @@
 A fault is a turned condition, a call or an assignment left out, two statements exchanged, a changed
 constant, operator, character of a text, or return value. Each is made in a copy of the source; the
 source is compiled without optimisation, linked with the unchanged others into a library, and the
-programs of tests/unit run with it, those first that have found most faults in that source, until one
-fails. They run in a sandbox that holds no other process and no writable file system: a faulty
+programs of tests/unit run with it, those first that have found most faults in that source, until
+one fails. They run in a sandbox that holds no other process and no writable file system: a faulty
 "kill" or "unlink" finds nothing.
 
 Faults that no test noticed are listed, with the reason if survivors.txt names one. Results are kept
 in the results file, so that a run that was ended goes on where it stopped; they hold as long as the
 faulty source is the same and tests are only added. --again runs the survivors once more, --fresh
-everything. --sanitize runs what survives once more under the sanitizers, as scripts/test runs the unit
+everything. --sanitize runs what survives under the sanitizers too, as scripts/test runs the unit
 tests.
 """
 
@@ -36,12 +36,14 @@ MODULE = "platform/apps/flash"
 # The sources, and the headers that hold code with the sources in which it is tried out.
 SOURCES = ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp", "flash_write.cpp",
            "flash_copy.cpp", "flash_validate.cpp")
-HEADERS = {"include/flash_answer.h": ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp")}
+HEADERS = {
+    "include/flash_answer.h": ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp"),
+}
 # Tried out by a program of its own, which includes it and nothing else of the module.
 STRICT_HEADER, STRICT_PROGRAM = "flash_strict.h", "strict_names"
 
 WALL_SECONDS = 40
-# Seconds of processor time, bytes of a file, bytes of memory. The sanitizers' shadow takes terabytes.
+# Seconds of processor time, bytes of a file, bytes of memory. The sanitizers take terabytes.
 SANITIZED_LIMITS = ("--cpu=20", f"--fsize={64 << 20}")
 LIMITS = (*SANITIZED_LIMITS, f"--as={2 << 30}")
 
@@ -66,7 +68,7 @@ class Build:
             path.stem for path in (checkout / "tests/unit").glob("*.cpp")
             if path.stem != STRICT_PROGRAM
         )
-        self.link_flags = []
+        self.wraps, self.sanitizers = [], []
         self.tests = {}  # how many each program has
 
     def run(self, command, **options):
@@ -80,14 +82,14 @@ class Build:
             words = words[1:]
         words[words.index("-o") + 1] = str(output)
         words[words.index("-c") + 1] = str(copy)
-        # The tests see the module from outside the library. What a fault leaves uninitialised is not
-        # zero by chance.
+        # The tests see the module from outside the library. What a fault leaves uninitialised is
+        # not zero by chance.
         return [*words, "-w", "-fvisibility=default", "-ftrivial-auto-var-init=pattern", "-I",
                 str(copy.parent)]
 
     def library_command(self, objects, output: Path):
-        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.link_flags, *map(str, objects), "-o",
-                str(output)]
+        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.wraps, *self.sanitizers,
+                *map(str, objects), "-o", str(output)]
 
     def prepare(self, jobs: int) -> None:
         shutil.rmtree(self.work, ignore_errors=True)
@@ -97,8 +99,9 @@ class Build:
         for program in self.programs:
             listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
             links[program] = shlex.split(listed[-1].split("&&")[1])
-        self.link_flags = [word for word in links[self.programs[0]]
-                           if word.startswith(("-Wl,--wrap=", "-fsanitize"))]
+        words = links[self.programs[0]]
+        self.wraps = [word for word in words if word.startswith("-Wl,--wrap=")]
+        self.sanitizers = [word for word in words if word.startswith("-fsanitize")]
         for source, output in self.objects.items():
             path = self.checkout / MODULE / source
             self.must(self.compile_command(path, path, output))
@@ -137,7 +140,8 @@ class Build:
         if (libraries / program).exists():
             binary = libraries / program
         command = [
-            "prlimit", *self.limits, "--core=0", "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
+            "prlimit", *self.limits, "--core=0",
+            "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
             "--tmpfs", "/tmp", "--tmpfs", "/var/tmp", "--ro-bind", self.checkout, self.checkout,
             "--unshare-all", "--die-with-parent", "--new-session", "--cap-drop", "ALL",
             "--chdir", "/tmp", binary, "--gtest_brief=1", "--gtest_fail_fast",
@@ -154,7 +158,8 @@ class Build:
             return TIMED_OUT, done.stdout
         if "[  FAILED  ]" in done.stdout:
             return FAILED, done.stdout
-        if done.returncode != 0 or passed(done.stdout) != self.tests.get(program, passed(done.stdout)):
+        count = passed(done.stdout)  # a program that ends early has not passed
+        if done.returncode != 0 or count != self.tests.get(program, count):
             return CRASHED, done.stdout + done.stderr
         return None, done.stdout
 
@@ -194,8 +199,8 @@ class Build:
             objects[source.name] = output
         if mutant.file.endswith(STRICT_HEADER):
             order = [STRICT_PROGRAM]
-            link = ["g++", *self.link_flags, str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main", "-lgtest",
-                    "-o", str(slot / STRICT_PROGRAM)]
+            link = ["g++", *self.sanitizers, str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main",
+                    "-lgtest", "-o", str(slot / STRICT_PROGRAM)]
         else:
             link = self.library_command(objects.values(), slot / "libflash.so")
         if self.run(link).returncode != 0:
@@ -243,7 +248,8 @@ class Results:
     def order(self, build: Build, file: str):
         """The programs, those first that are most likely to notice a fault in a file."""
         own = Path(file).stem.removeprefix("flash_")[:5]
-        return sorted(build.programs, key=lambda one: (-self.noticed[file, one], own not in one, one))
+        return sorted(build.programs,
+                      key=lambda one: (-self.noticed[file, one], own not in one, one))
 
 
 def attempt_all(build: Build, waiting, results: Results, jobs: int) -> None:
@@ -323,10 +329,11 @@ def main() -> int:
     checkout = Path(os.environ["root"])
     files = [f"{MODULE}/{name}" for name in (*SOURCES, *HEADERS, STRICT_HEADER)]
     if arguments.file:
-        chosen = [file for file in files if Path(file).name in map(os.path.basename, arguments.file)]
-        if len(chosen) < len(set(arguments.file)):
-            parser.error(f"--file takes one of {', '.join(map(os.path.basename, files))}")
-        files = chosen
+        wanted = {Path(file).name for file in arguments.file}
+        known = {Path(file).name: file for file in files}
+        if not wanted <= known.keys():
+            parser.error(f"--file takes one of {', '.join(known)}")
+        files = [file for name, file in known.items() if name in wanted]
     build = Build(checkout, checkout / "build/mutate", LIMITS)
     sample = [
         mutant for file in files for mutant in mutants.find(checkout, file, build.arguments(file))
