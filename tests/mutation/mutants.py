@@ -478,7 +478,7 @@ class Finder:
         return False
 
     def mentions(self, statement, written: str) -> bool:
-        """Whether a statement has to do with what is written: with it, or with all that it is in."""
+        """Whether a statement has to do with what is written, or with all that it is in."""
         text = re.sub(r"\bsizeof\b\s*\(?[\w.>-]+", "", self.source(statement))
         outermost = re.search(r"[A-Za-z_]\w*", written)[0]
         member = rf"\b{outermost}\b" + ("" if written[0] == "*" else r"(?!->|\.|\[\d)")
