@@ -51,6 +51,38 @@ TEST_F(Order, ARefusalIsSaidOnStandardErrorBeforeItIsTraced) {
     EXPECT_EQ(said, "write to orvexFlashCopyProtocol: invalid value\n");
 }
 
+// The lines of everything() that are among these, in their order.
+Lines order_of(const Lines &wanted) {
+    Lines found;
+    for (const std::string &line : fakes::everything())
+        for (const std::string &beginning : wanted)
+            if (line.rfind(beginning, 0) == 0)
+                found.push_back(beginning);
+    return found;
+}
+
+TEST_F(Order, ASecondCopyIsRefusedInTheTraceBeforeItsErrorRecordIsFilled) {
+    fakes::add_copy_row(3, [](flashCopyEntry &row) { row.copyStatus = flash::copyInProgress; });
+    fakes::forget();
+    EXPECT_EQ(fakes::set_integer(set_orvexFlashCopyEntryStatus, 0, 59, 7, flash::rowActive),
+              SNMP_ERR_GENERR);
+    const Lines expected{"trace 100 ERROR: set_orvexFlashCopyEntryStatus : Another Copy",
+                         "syserr_format code=0x4049003e", "trace 101 Logged error",
+                         "log_snmp_error code=0x4049003e"};
+    EXPECT_EQ(order_of(expected), expected);
+}
+
+TEST_F(Order, ACreatedRowThatCannotBeWrittenIsTracedBeforeItIsRemoved) {
+    platform().ordset_find.always(nullptr);
+    EXPECT_EQ(fakes::set_integer(set_orvexFlashCopyEntryStatus, 0, 59, 7, flash::rowCreateAndWait),
+              SNMP_ERR_GENERR);
+    const Lines expected{"trace 101 ERROR  set_orvexFlashCopyEntryStatus : Setting a new entry",
+                         "ordset_remove key=7"};
+    EXPECT_EQ(order_of(expected), expected);
+    platform().ordset_find.normal();
+    EXPECT_FALSE(fakes::stored_copy_row(7));
+}
+
 TEST_F(Order, AFailingRegistrationGivesTokenAndTextTheSameArguments) {
     os().register_mib.returns(-1);
     os().snmp_get_do_debugging.always(1);

@@ -10,6 +10,7 @@ namespace {
 constexpr int reserve1 = 0;
 constexpr int reserve2 = 1;
 constexpr int action = 2;
+constexpr int release = 4;
 
 class SetValues : public fakes::FlashTest {};
 
@@ -42,6 +43,20 @@ TEST_F(SetValues, NothingBehindAnEmbeddedNulIsKeptInTheRow) {
     const flashCopyEntry row = *fakes::stored_copy_row(7);
     EXPECT_STREQ(row.password, "ab");
     EXPECT_TRUE(std::all_of(row.password + 2, std::end(row.password),
+                            [](char byte) { return byte == '\0'; }));
+}
+
+TEST_F(SetValues, FreeLeavesNothingOfTheRefusedNameInTheRow) {
+    fakes::add_copy_row(7, [](flashCopyEntry &row) {
+        row.entryStatus = flash::rowNotReady;
+        fakes::put(row.remoteUserName, "guest");
+    });
+    WriteMethod *const method = set_orvexFlashCopyRemoteUserName;
+    ASSERT_EQ(fakes::set_text(method, reserve2, 55, 7, "a far longer name"), SNMP_ERR_NOERROR);
+    ASSERT_EQ(fakes::set_text(method, release, 55, 7, "a far longer name"), SNMP_ERR_NOERROR);
+    const flashCopyEntry row = *fakes::stored_copy_row(7);
+    EXPECT_STREQ(row.remoteUserName, "gues");
+    EXPECT_TRUE(std::all_of(row.remoteUserName + 4, std::end(row.remoteUserName),
                             [](char byte) { return byte == '\0'; }));
 }
 
