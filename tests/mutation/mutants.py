@@ -32,7 +32,10 @@ INTEGERS = (
 FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE)
 # Calls that only look: no effect, and nothing in the tests records them.
 LOOKS = {"strlen", "strnlen", "strchr", "strrchr", "strcmp", "max", "min", "getpid", "getppid",
-         "getpgrp", "fileno", "ntohl", "inet_ntoa", "size", "__errno_location", "__builtin_va_end"}
+         "getpgrp", "fileno", "ferror", "ntohl", "inet_ntoa", "size", "__errno_location",
+         "__builtin_va_end"}
+# Calls that write what their first argument names and do no more.
+WRITERS = {"memcpy", "memset", "snprintf"}
 # What only the strict build does: in the standard build these procedures answer false.
 STRICT_ONLY = "strict_refuses_"
 
@@ -62,6 +65,11 @@ def squeezed(text: str) -> str:
     return re.sub(r"\s+", " ", text).strip()
 
 
+def outermost(expression: str) -> str:
+    """The variable that an expression begins with."""
+    return re.search(r"[A-Za-z_]\w*", expression)[0]
+
+
 def unwrapped(cursor):
     """The expression below what the compiler or parentheses put around it."""
     while cursor.kind in (CursorKind.UNEXPOSED_EXPR, CursorKind.PAREN_EXPR):
@@ -89,7 +97,7 @@ class Finder:
         assert not errors, errors
         own = [cursor for cursor in unit.cursor.get_children()
                if cursor.location.file and Path(cursor.location.file.name) == self.path]
-        self.looks = set(LOOKS)
+        self.looks, self.writers = set(LOOKS), set(WRITERS)
         for cursor in own:
             self.learn(cursor)
         for cursor in own:
@@ -430,8 +438,10 @@ class Finder:
         return [child for child in below if child.kind != CursorKind.COMPOUND_STMT]
 
     def writes(self, expression):
-        """What an expression assigns to, or None."""
+        """What an expression writes to, or None."""
         children = list(expression.get_children())
+        if expression.kind == CursorKind.CALL_EXPR and expression.spelling in self.writers:
+            return next(expression.get_arguments(), None)
         if expression.kind == CursorKind.UNARY_OPERATOR:
             text = self.source(expression)
             return children[0] if "++" in text or "--" in text else None
@@ -454,22 +464,39 @@ class Finder:
                  f"{self.source(first)} <-> {self.source(second)}")
 
     def learn(self, cursor) -> None:
-        """Learns which procedures of the file only look."""
-        if cursor.kind in FUNCTIONS:
-            parts = list(cursor.walk_preorder())
-            if not self.calls(cursor) and all(self.writes(part) is None for part in parts):
-                self.looks.add(cursor.spelling)
-        elif cursor.kind == CursorKind.NAMESPACE:
+        """Learns which procedures of the file only look, or write only their first argument."""
+        if cursor.kind == CursorKind.NAMESPACE:
             for child in cursor.get_children():
                 self.learn(child)
+        if cursor.kind not in FUNCTIONS:
+            return
+        parts = list(cursor.walk_preorder())
+        known = self.looks | self.writers
+        if any(part.kind == CursorKind.CALL_EXPR and part.spelling not in known for part in parts):
+            return
+        written = {outermost(self.source(one)) for one in map(self.writes, parts) if one}
+        parameters = [part.spelling for part in parts if part.kind == CursorKind.PARM_DECL]
+        if not written:
+            self.looks.add(cursor.spelling)
+        elif written == set(parameters[:1]):
+            self.writers.add(cursor.spelling)
 
-    def calls(self, cursor) -> bool:
-        return any(part.kind == CursorKind.CALL_EXPR and part.spelling not in self.looks
-                   for part in cursor.walk_preorder())
+    def effects(self, statement) -> bool:
+        """Whether a statement does more than to look and to write one thing."""
+        own = unwrapped(statement)
+        for part in statement.walk_preorder():
+            if part.kind in JUMPS:
+                return True
+            if part.kind != CursorKind.CALL_EXPR or part.spelling in self.looks:
+                continue
+            made = part.referenced is not None and part.referenced.kind == CursorKind.CONSTRUCTOR
+            if not made and not (part.spelling in self.writers and part == own):
+                return True
+        return False
 
     def matter(self, first, second) -> bool:
         """Whether the order of two statements can be seen."""
-        if self.calls(first) and self.calls(second):
+        if self.effects(first) and self.effects(second):
             return True
         for one, other in ((first, second), (second, first)):
             written = self.writes(unwrapped(one))
@@ -480,8 +507,7 @@ class Finder:
     def mentions(self, statement, written: str) -> bool:
         """Whether a statement has to do with what is written, or with all that it is in."""
         text = re.sub(r"\bsizeof\b\s*\(?[\w.>-]+", "", self.source(statement))
-        outermost = re.search(r"[A-Za-z_]\w*", written)[0]
-        member = rf"\b{outermost}\b" + ("" if written[0] == "*" else r"(?!->|\.|\[\d)")
+        member = rf"\b{outermost(written)}\b" + ("" if written[0] == "*" else r"(?!->|\.|\[\d)")
         return written in text or re.search(member, text) is not None
 
     def declares_nothing_for(self, first, second) -> bool:

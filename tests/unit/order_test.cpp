@@ -83,6 +83,16 @@ TEST_F(Order, ACreatedRowThatCannotBeWrittenIsTracedBeforeItIsRemoved) {
     EXPECT_FALSE(fakes::stored_copy_row(7));
 }
 
+TEST_F(Order, AnAgedOutRowIsTracedBeforeItIsDeleted) {
+    fakes::set_time(1000);
+    fakes::add_copy_row(7, [](flashCopyEntry &row) { row.endTime = 1000 - 306; });
+    fakes::forget();
+    flash_ageouttimerhandler(1, nullptr);
+    const Lines expected{"trace 101 flash_ageouttimerhandler: Deleting the aged out entry 7",
+                         "ordset_remove key=7"};
+    EXPECT_EQ(order_of(expected), expected);
+}
+
 TEST_F(Order, AFailingRegistrationGivesTokenAndTextTheSameArguments) {
     os().register_mib.returns(-1);
     os().snmp_get_do_debugging.always(1);
