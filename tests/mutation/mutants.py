@@ -36,8 +36,6 @@ LOOKS = {"strlen", "strnlen", "strchr", "strrchr", "strcmp", "max", "min", "getp
          "__builtin_va_end"}
 # Calls that write what their first argument names and do no more.
 WRITERS = {"memcpy", "memset", "snprintf"}
-# What only the strict build does: in the standard build these procedures answer false.
-STRICT_ONLY = "strict_refuses_"
 
 
 @dataclass(frozen=True)
@@ -202,14 +200,12 @@ class Finder:
 
     def dead(self, cursor) -> bool:
         """Whether one side of a choice is never compiled: the choice is made at compile time."""
-        if cursor.kind == CursorKind.IF_STMT:
-            never = rf"if\s+constexpr|if \(.*\b{STRICT_ONLY}"
-            return re.match(never, self.source(cursor)) is not None
         if cursor.kind != CursorKind.CONDITIONAL_OPERATOR:
             return False
         chosen = unwrapped(next(cursor.get_children()))
         return (
             chosen.kind == CursorKind.DECL_REF_EXPR
+            and chosen.spelling != "strict"  # of which both sides are built
             and chosen.referenced is not None
             and any(token.spelling == "constexpr" for token in chosen.referenced.get_tokens())
         )

@@ -4,8 +4,8 @@ A fault is a turned condition, a call or an assignment left out, two statements 
 constant, operator, character of a text, or return value. Each is made in a copy of the source; the
 source is compiled without optimisation, linked with the unchanged others into a library, and the
 programs of tests/unit run with it, those first that have found most faults in that source, until
-one fails. They run in a sandbox that holds no other process and no writable file system: a faulty
-"kill" or "unlink" finds nothing.
+one fails; then the strict build's. They run in a sandbox that holds no other process and no
+writable file system: a faulty "kill" or "unlink" finds nothing.
 
 Faults that no test noticed are listed, with the reason if survivors.txt names one. Results are kept
 in the results file, so that a run that was ended goes on where it stopped; they hold as long as the
@@ -33,14 +33,15 @@ from pathlib import Path
 import mutants
 
 MODULE = "platform/apps/flash"
-# The sources, and the headers that hold code with the sources in which it is tried out.
 SOURCES = ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp", "flash_write.cpp",
            "flash_copy.cpp", "flash_validate.cpp")
+# The headers that hold code, with the sources in which a fault of theirs is tried out.
 HEADERS = {
     "include/flash_answer.h": ("orvex_flash_mib.cpp", "flash_rows.cpp", "flash_inventory.cpp"),
+    "flash_strict.h": ("flash_write.cpp", "flash_copy.cpp"),
 }
-# Tried out by a program of its own, which includes it and nothing else of the module.
-STRICT_HEADER, STRICT_PROGRAM = "flash_strict.h", "strict_names"
+# The program over the strict module, and its source that looks at the header by itself.
+STRICT_PROGRAM, STRICT_SOURCE, STRICT_HEADER = "strict_build", "strict_names.cpp", "flash_strict.h"
 
 WALL_SECONDS = 40
 # Seconds of processor time, bytes of a file, bytes of memory. The sanitizers take terabytes.
@@ -50,6 +51,15 @@ LIMITS = (*SANITIZED_LIMITS, f"--as={2 << 30}")
 NOT_COMPILING, FAILED, CRASHED, TIMED_OUT, SURVIVED = (
     "not compiling", "test failed", "crashed", "timed out", "survived",
 )
+
+
+class Flavour:
+    """The module as a library, standard or strict, and the test programs that run with it."""
+
+    def __init__(self, work: Path, programs, strict: bool):
+        self.original, self.programs = work / ("strict" if strict else "standard"), programs
+        self.flags = ["-DORVEX_FLASH_STRICT"] if strict else []
+        self.objects = {source: self.original / f"{source}.o" for source in SOURCES}
 
 
 class Build:
@@ -62,83 +72,91 @@ class Build:
             entry["file"]: entry["command"]
             for entry in json.loads((build / "compile_commands.json").read_text())
         }
-        self.original = self.work / "original"
-        self.objects = {source: self.original / f"{source}.o" for source in SOURCES}
-        self.programs = sorted(
-            path.stem for path in (checkout / "tests/unit").glob("*.cpp")
-            if path.stem != STRICT_PROGRAM
-        )
-        self.wraps, self.sanitizers = [], []
+        programs = sorted(path.stem for path in (checkout / "tests/unit").glob("*_test.cpp"))
+        self.standard = Flavour(self.work, programs, strict=False)
+        self.strict = Flavour(self.work, [STRICT_PROGRAM], strict=True)
+        self.links = {}  # the command that links a program
+        self.flags = []  # of every linking
         self.tests = {}  # how many each program has
 
     def run(self, command, **options):
-        return subprocess.run(command, cwd=self.build, capture_output=True, text=True,
-                              errors="replace", check=False, **options)
-
-    def compile_command(self, source: Path, copy: Path, output: Path):
-        """Compiles a copy as its source is compiled; what a fault leaves unused is no error."""
-        words = shlex.split(self.commands[str(source)])
-        if words[0].endswith("ccache"):
-            words = words[1:]
-        words[words.index("-o") + 1] = str(output)
-        words[words.index("-c") + 1] = str(copy)
-        # The tests see the module from outside the library. What a fault leaves uninitialised is
-        # not zero by chance.
-        return [*words, "-w", "-fvisibility=default", "-ftrivial-auto-var-init=pattern", "-I",
-                str(copy.parent)]
-
-    def library_command(self, objects, output: Path):
-        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.wraps, *self.sanitizers,
-                *map(str, objects), "-o", str(output)]
-
-    def prepare(self, jobs: int) -> None:
-        shutil.rmtree(self.work, ignore_errors=True)
-        (self.work / "bin").mkdir(parents=True)
-        self.original.mkdir()
-        links = {}
-        for program in self.programs:
-            listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
-            links[program] = shlex.split(listed[-1].split("&&")[1])
-        words = links[self.programs[0]]
-        self.wraps = [word for word in words if word.startswith("-Wl,--wrap=")]
-        self.sanitizers = [word for word in words if word.startswith("-fsanitize")]
-        for source, output in self.objects.items():
-            path = self.checkout / MODULE / source
-            self.must(self.compile_command(path, path, output))
-        library = self.original / "libflash.so"
-        self.must(self.library_command(self.objects.values(), library))
-
-        def link(program):
-            words = [word for word in links[program] if "flash_objects.dir" not in word]
-            output = words.index("-o") + 1
-            words[output] = str(self.work / "bin" / program)
-            # The library calls the fakes, which the linker does not know from an archive alone.
-            fakes = next(word for word in words if word.endswith("ruma_fakes.a"))
-            words[output + 1 : output + 1] = [
-                "-Wl,--whole-archive", fakes, "-Wl,--no-whole-archive", str(library)
-            ]
-            self.must(words)
-
-        with ThreadPoolExecutor(jobs) as pool:
-            list(pool.map(link, self.programs))
-        shutil.copy(self.build / "bin" / STRICT_PROGRAM, self.work / "bin")
-        for program in (*self.programs, STRICT_PROGRAM):
-            outcome, output = self.test(program, self.original)
-            if outcome is not None:
-                sys.exit(f"{program} fails without a fault:\n{output}")
-            self.tests[program] = passed(output)
+        return subprocess.run(list(map(str, command)), cwd=self.build, capture_output=True,
+                              text=True, errors="replace", check=False, **options)
 
     def must(self, command) -> None:
         done = self.run(command)
         if done.returncode != 0:
-            sys.exit(f"{' '.join(command)}\n{done.stdout}{done.stderr}")
+            sys.exit(f"{' '.join(map(str, command))}\n{done.stdout}{done.stderr}")
+
+    def compile_command(self, source: Path, copy: Path, output: Path, flags):
+        """Compiles a copy as its source is compiled; what a fault leaves unused is no error."""
+        words = shlex.split(self.commands[str(source)])
+        if words[0].endswith("ccache"):
+            words = words[1:]
+        words[words.index("-o") + 1] = output
+        words[words.index("-c") + 1] = copy
+        words[1:1] = ["-I", copy.parent]  # a faulty header comes before the good one
+        # The tests see the module from outside the library. What a fault leaves uninitialised is
+        # not zero by chance.
+        return [*words, "-w", "-fvisibility=default", "-ftrivial-auto-var-init=pattern", *flags]
+
+    def library_command(self, objects, output: Path):
+        return ["g++", "-shared", "-Wl,-soname,libflash.so", *self.flags, *objects, "-o", output]
+
+    def link_command(self, program: str, library: Path, output: Path, replaced=None):
+        """Links a program with the module's library; `replaced` are objects by their sources."""
+        words = []
+        for word in self.links[program]:
+            if "flash_objects.dir" in word:
+                continue
+            source = Path(word).name.removesuffix(".o")
+            words.append((replaced or {}).get(source, word))
+        words[words.index("-o") + 1] = output
+        # The library calls the fakes, which the linker does not know from an archive alone.
+        fakes = next(place for place, word in enumerate(words) if "ruma_fakes.a" in str(word))
+        words[fakes : fakes + 1] = [
+            "-Wl,--whole-archive", words[fakes], "-Wl,--no-whole-archive", library
+        ]
+        return words
+
+    def prepare(self, jobs: int) -> None:
+        """Builds the module's libraries without a fault and the programs, and runs them."""
+        shutil.rmtree(self.work, ignore_errors=True)
+        (self.work / "bin").mkdir(parents=True)
+        everything = [(flavour, program) for flavour in (self.standard, self.strict)
+                      for program in flavour.programs]
+        for _, program in everything:
+            listed = self.run(["ninja", "-t", "commands", f"bin/{program}"]).stdout.splitlines()
+            self.links[program] = shlex.split(listed[-1].split("&&")[1])
+        self.flags = [word for word in self.links[STRICT_PROGRAM]
+                      if word.startswith(("-Wl,--wrap=", "-fsanitize"))]
+        for flavour in (self.standard, self.strict):
+            flavour.original.mkdir()
+            for source, output in flavour.objects.items():
+                path = self.checkout / MODULE / source
+                self.must(self.compile_command(path, path, output, flavour.flags))
+            self.must(self.library_command(flavour.objects.values(),
+                                           flavour.original / "libflash.so"))
+
+        def link(one):
+            flavour, program = one
+            self.must(self.link_command(program, flavour.original / "libflash.so",
+                                        self.work / "bin" / program))
+
+        with ThreadPoolExecutor(jobs) as pool:
+            list(pool.map(link, everything))
+        for flavour, program in everything:
+            outcome, output = self.test(program, flavour.original)
+            if outcome is not None:
+                sys.exit(f"{program} fails without a fault:\n{output}")
+            self.tests[program] = passed(output)
 
     def test(self, program: str, libraries: Path):
         """Runs a program with the module found in a directory: None when all of its tests passed,
         or how it failed; and what it printed."""
-        binary = self.work / "bin" / program
-        if (libraries / program).exists():
-            binary = libraries / program
+        binary = libraries / program
+        if not binary.exists():
+            binary = self.work / "bin" / program
         command = [
             "prlimit", *self.limits, "--core=0",
             "bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
@@ -148,7 +166,7 @@ class Build:
         ]
         environment = {**os.environ, "LD_LIBRARY_PATH": str(libraries)}
         try:
-            done = self.run(list(map(str, command)), env=environment, timeout=WALL_SECONDS,
+            done = self.run(command, env=environment, timeout=WALL_SECONDS,
                             stdin=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
             return TIMED_OUT, ""
@@ -165,52 +183,55 @@ class Build:
 
     # --- One fault -------------------------------------------------------------------------------
 
-    def sources_of(self, file: str):
-        """The sources to compile for a fault in a file."""
-        name = file.removeprefix(f"{MODULE}/")
-        if name == STRICT_HEADER:
-            return [self.checkout / f"tests/unit/{STRICT_PROGRAM}.cpp"]
-        return [self.checkout / MODULE / source for source in HEADERS.get(name, (name,))]
-
     def arguments(self, file: str):
-        """How libclang is to read a file."""
-        words = shlex.split(self.commands[str(self.sources_of(file)[0])])
+        """How libclang is to read a file: what only the strict build does is code too."""
+        words = shlex.split(self.commands[str(self.checkout / MODULE / SOURCES[0])])
         wanted = [word for word in words if word.startswith(("-D", "-I", "-std"))]
-        if file.endswith(".h"):
-            wanted += ["-xc++", "-DORVEX_FLASH_STRICT"]
-        return wanted
+        return [*wanted, "-DORVEX_FLASH_STRICT", *(["-xc++"] if file.endswith(".h") else [])]
 
     def attempt(self, mutant, slot: Path, order):
         """Tries a fault out: how it ended, and which test noticed it."""
         shutil.rmtree(slot, ignore_errors=True)
         slot.mkdir()
-        copy = slot / Path(mutant.file).name
-        copy.write_bytes(mutant.faulty())
-        objects = dict(self.objects)
-        sources = self.sources_of(mutant.file)
+        name = mutant.file.removeprefix(f"{MODULE}/")
+        sources = HEADERS.get(name, (name,))
         for source in sources:
-            output = slot / f"{source.name}.o"
-            command = self.compile_command(
-                source, source if mutant.file.endswith(".h") else copy, output)
-            if mutant.file.endswith(".h"):  # the faulty header comes before the good one
-                command[1:1] = ["-I", str(slot)]
+            shutil.copy(self.checkout / MODULE / source, slot)
+        (slot / Path(name).name).write_bytes(mutant.faulty())
+        outcome = self.attempt_flavour(self.standard, sources, slot, order(self.standard))
+        if outcome[0] != SURVIVED:
+            return outcome
+        if name == STRICT_HEADER and not self.replace_strict_program(slot):
+            return NOT_COMPILING, ""
+        return self.attempt_flavour(self.strict, sources, slot, self.strict.programs)
+
+    def attempt_flavour(self, flavour: Flavour, sources, slot: Path, programs):
+        objects = dict(flavour.objects)
+        for source in sources:
+            objects[source] = slot / f"{source}.o"
+            command = self.compile_command(self.checkout / MODULE / source, slot / source,
+                                           objects[source], flavour.flags)
             if self.run(command).returncode != 0:
                 return NOT_COMPILING, ""
-            objects[source.name] = output
-        if mutant.file.endswith(STRICT_HEADER):
-            order = [STRICT_PROGRAM]
-            link = ["g++", *self.sanitizers, str(slot / f"{STRICT_PROGRAM}.cpp.o"), "-lgtest_main",
-                    "-lgtest", "-o", str(slot / STRICT_PROGRAM)]
-        else:
-            link = self.library_command(objects.values(), slot / "libflash.so")
+        link = self.library_command(objects.values(), slot / "libflash.so")
         if self.run(link).returncode != 0:
             return NOT_COMPILING, ""
-        for program in order:
+        for program in programs:
             outcome, output = self.test(program, slot)
             if outcome is not None:
                 named = re.search(r"\[  FAILED  \] ([\w/.]+)", output)
                 return outcome, f"{program} {named[1] if named else ''}".strip()
         return SURVIVED, ""
+
+    def replace_strict_program(self, slot: Path) -> bool:
+        """Compiles the strict program's look at the header anew."""
+        source = self.checkout / "tests/unit" / STRICT_SOURCE
+        output = slot / f"{STRICT_SOURCE}.o"
+        command = self.compile_command(source, source, output, ["-I", slot])
+        command[1:1] = ["-I", slot]
+        link = self.link_command(STRICT_PROGRAM, self.strict.original / "libflash.so",
+                                 slot / STRICT_PROGRAM, {STRICT_SOURCE: output})
+        return self.run(command).returncode == 0 and self.run(link).returncode == 0
 
 
 def passed(output: str) -> int:
@@ -245,10 +266,10 @@ class Results:
             print(mutant.key, outcome, by, mutant.file, mutant.line, mutant.name(), sep="\t",
                   file=file)
 
-    def order(self, build: Build, file: str):
+    def order(self, flavour: Flavour, file: str):
         """The programs, those first that are most likely to notice a fault in a file."""
         own = Path(file).stem.removeprefix("flash_")[:5]
-        return sorted(build.programs,
+        return sorted(flavour.programs,
                       key=lambda one: (-self.noticed[file, one], own not in one, one))
 
 
@@ -264,7 +285,9 @@ def attempt_all(build: Build, waiting, results: Results, jobs: int) -> None:
     def attempt(mutant):
         slot = slots.get()
         try:
-            results.add(mutant, *build.attempt(mutant, slot, results.order(build, mutant.file)))
+            outcome = build.attempt(mutant, slot,
+                                    lambda flavour: results.order(flavour, mutant.file))
+            results.add(mutant, *outcome)
         finally:
             slots.put(slot)
 
@@ -327,7 +350,7 @@ def main() -> int:
     arguments = parser.parse_args()
 
     checkout = Path(os.environ["root"])
-    files = [f"{MODULE}/{name}" for name in (*SOURCES, *HEADERS, STRICT_HEADER)]
+    files = [f"{MODULE}/{name}" for name in (*SOURCES, *HEADERS)]
     if arguments.file:
         wanted = {Path(file).name for file in arguments.file}
         known = {Path(file).name: file for file in files}
