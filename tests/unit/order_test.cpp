@@ -56,8 +56,10 @@ Lines order_of(const Lines &wanted) {
     Lines found;
     for (const std::string &line : fakes::everything())
         for (const std::string &beginning : wanted)
-            if (line.rfind(beginning, 0) == 0)
+            if (line.rfind(beginning, 0) == 0) {
                 found.push_back(beginning);
+                break;
+            }
     return found;
 }
 
@@ -69,6 +71,16 @@ TEST_F(Order, ASecondCopyIsRefusedInTheTraceBeforeItsErrorRecordIsFilled) {
     const Lines expected{"trace 100 ERROR: set_orvexFlashCopyEntryStatus : Another Copy",
                          "syserr_format code=0x4049003e", "trace 101 Logged error",
                          "log_snmp_error code=0x4049003e"};
+    EXPECT_EQ(order_of(expected), expected);
+}
+
+TEST_F(Order, ASourceNameIsAnnouncedBeforeItIsStored) {
+    fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
+    fakes::forget();
+    EXPECT_EQ(fakes::set_text(set_orvexFlashCopySourceName, 1, 53, 7, "image"), SNMP_ERR_NOERROR);
+    const Lines expected{"ordset_find key=7", "trace 101 DEBUG : set_orvexFlashCopySourceName : Ch",
+                         "trace 101 calling setFlashCopyEntry for sourcename", "ordset_find key=7",
+                         "trace 101 DEBUG : set_orvexFlashCopySourceName : Source Name after copy"};
     EXPECT_EQ(order_of(expected), expected);
 }
 

@@ -35,6 +35,19 @@ TEST_F(SetValues, ATextThatIsNowhereHasAWrongLength) {
     }
 }
 
+TEST_F(SetValues, AnIntegerThatIsNowhereIsZero) {
+    for (const size_t length : {size_t{0}, sizeof(int32_t), sizeof(long)}) {
+        fakes::empty_tables();
+        fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
+        fakes::Oid name = fakes::instance_of(50, {7});
+        for (const int phase : {reserve1, reserve2})
+            EXPECT_EQ(set_orvexFlashCopyCommand(phase, nullptr, ASN_INTEGER, length, nullptr,
+                                                name.data(), name.size()),
+                      SNMP_ERR_NOERROR);
+        EXPECT_EQ(fakes::stored_copy_row(7)->command, 0) << length;
+    }
+}
+
 TEST_F(SetValues, NothingBehindAnEmbeddedNulIsKeptInTheRow) {
     using namespace std::string_view_literals;
     fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
