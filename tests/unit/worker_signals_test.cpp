@@ -34,6 +34,22 @@ class WorkerSignals : public fakes::FlashTest {
     sigset_t mask_;
 };
 
+TEST_F(WorkerSignals, EverySignalIsBlockedOverTheForkAndNoneAfterIt) {
+    sigset_t before, over, after;
+    sigprocmask(SIG_SETMASK, nullptr, &before);
+    fakes::os().fork.does([&] {
+        sigprocmask(SIG_SETMASK, nullptr, &over);
+        return 4242;
+    });
+    flashCopyEntry row = fakes::copy_row();
+    start_flash_copy(&row);
+    sigprocmask(SIG_SETMASK, nullptr, &after);
+    for (const auto &entry : former_) {
+        EXPECT_EQ(sigismember(&over, entry.first), 1) << "signal " << entry.first;
+        EXPECT_EQ(sigismember(&after, entry.first), sigismember(&before, entry.first));
+    }
+}
+
 TEST_F(WorkerSignals, EverySignalThatTheAgentIgnoredHasItsDefaultButTheOneThatAborts) {
     int handled = 0;
     platform().pmb_bind.does([&](int, int, const pmb_queue_attributes *, const char *) {

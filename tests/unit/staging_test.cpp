@@ -1,0 +1,41 @@
+// What a TFTP send leaves in the working directory when it cannot be staged.
+#include "fakes/fixture.h"
+
+#include <filesystem>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Staging : public fakes::FlashTest {
+  protected:
+    void SetUp() override {
+        FlashTest::SetUp();
+        before_ = fs::current_path();
+        std::string name = (fs::temp_directory_path() / "staging_test.XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        directory_ = name;
+        fs::current_path(directory_);
+    }
+    void TearDown() override {
+        fs::current_path(before_);
+        fs::remove_all(directory_);
+        FlashTest::TearDown();
+    }
+
+    fs::path before_;
+    fs::path directory_;
+};
+
+TEST_F(Staging, ASourceThatCannotBeOpenedLeavesNothing) {
+    flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
+        r.protocol = flash::protocolTftp;
+        fakes::put(r.sourcePath, "missing/image.bin");
+        fakes::put(r.destinationName, "staged.bin");
+    });
+    EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::failure);
+    EXPECT_EQ(row.copyStatus, flash::STATUS_FILE_TRANSFERERR);
+    EXPECT_TRUE(fs::is_empty(directory_));
+}
+
+} // namespace
