@@ -32,8 +32,8 @@ INTEGERS = (
 FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE)
 # Calls that only look: no effect, and nothing in the tests records them.
 LOOKS = {"strlen", "strnlen", "strchr", "strrchr", "strcmp", "max", "min", "getpid", "getppid",
-         "getpgrp", "fileno", "ferror", "strtol", "ntohl", "inet_ntoa", "size", "__errno_location",
-         "__builtin_va_end"}
+         "getpgrp", "fileno", "ferror", "strtol", "sysconf", "ntohl", "inet_ntoa", "size",
+         "__errno_location", "__builtin_va_end"}
 # Calls that write what their first argument names and do no more.
 WRITERS = {"memcpy", "memset", "snprintf", "sigemptyset", "sigfillset"}
 

@@ -73,6 +73,33 @@ TEST_F(SetValues, FreeLeavesNothingOfTheRefusedNameInTheRow) {
                             [](char byte) { return byte == '\0'; }));
 }
 
+TEST_F(SetValues, ASourceNameOfTwoCharactersReadsEmptyAfterFree) {
+    fakes::add_copy_row(7, [](flashCopyEntry &row) {
+        row.entryStatus = flash::rowNotReady;
+        fakes::put(row.sourceName, "ab");
+    });
+    WriteMethod *const method = set_orvexFlashCopySourceName;
+    ASSERT_EQ(fakes::set_text(method, reserve2, 53, 7, "refused"), SNMP_ERR_NOERROR);
+    ASSERT_EQ(fakes::set_text(method, release, 53, 7, "refused"), SNMP_ERR_NOERROR);
+    EXPECT_STREQ(fakes::stored_copy_row(7)->sourceName, "");
+}
+
+TEST_F(SetValues, OneUndoCopyOfATableIsKeptAtMost) {
+    fakes::add_copy_row(7, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
+    fakes::add_misc_row(7, [](flashMiscOpEntry &row) { row.entryStatus = flash::rowNotReady; });
+    u_char present = 0;
+    fakes::watch_allocations();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(fakes::set_integer(set_orvexFlashCopyEntryStatus, reserve1, 59, 7,
+                                     flash::rowNotInService, &present),
+                  SNMP_ERR_NOERROR);
+        EXPECT_EQ(fakes::set_integer(set_orvexFlashMiscOpEntryStatus, reserve1, 79, 7,
+                                     flash::rowNotInService, &present),
+                  SNMP_ERR_NOERROR);
+    }
+    EXPECT_EQ(fakes::outstanding_allocations(), 2U);
+}
+
 TEST_F(SetValues, ANameWithoutArcsNamesNoRow) {
     fakes::add_copy_row(1, [](flashCopyEntry &row) { row.entryStatus = flash::rowNotReady; });
     long value = flash::rowActive;
