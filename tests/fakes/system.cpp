@@ -73,7 +73,8 @@ System::System()
       pipe(__real_pipe), fdopen(__real_fdopen), time([] { return __real_time(nullptr); }),
       gettimeofday([](timeval *now) { return __real_gettimeofday(now, nullptr); }),
       sleep([](unsigned int) { return 0U; }, __real_sleep), close_range(__real_close_range),
-      setpgid(__real_setpgid), timeval_uptime([](const timeval *at) {
+      child_close_range([](unsigned int, unsigned int, int) { return 0; }), setpgid(__real_setpgid),
+      timeval_uptime([](const timeval *at) {
           return static_cast<u_long>(at->tv_sec) * 100 + static_cast<u_long>(at->tv_usec) / 10000;
       }),
       register_mib([](const Registration &) { return MIB_REGISTERED_OK; }),
@@ -343,7 +344,7 @@ int __wrap_close_range(unsigned int first, unsigned int last, int flags) {
     if (!fakes::in_child)
         return os().close_range(first, last, flags);
     record(Kind::call, "close_range first=%u last=%u flags=%d", first, last, flags);
-    return 0;
+    return os().child_close_range(first, last, flags);
 }
 
 void *__wrap_malloc(size_t size) {

@@ -24,6 +24,7 @@
 //                             snmp_log's {priority, text}
 //     os().close_range, .setpgid
 //                             the real ones; in run_as_child() recorded and without effect
+//     os().child_close_range  close_range in run_as_child(): 0
 //     close, closefrom, closelog
 //                             likewise, but not scripted
 //     stdout, stderr          recorded while record_outputs() is on, in everything() only, and
@@ -99,6 +100,7 @@ struct System {
     Call<int(timeval *)> gettimeofday;
     Call<unsigned int(unsigned int)> sleep;
     Call<int(unsigned int, unsigned int, int)> close_range;
+    Call<int(unsigned int, unsigned int, int)> child_close_range;
     Call<int(pid_t, pid_t)> setpgid;
     Call<u_long(const timeval *)> timeval_uptime;
     Call<int(const Registration &)> register_mib;

@@ -44,4 +44,12 @@ TEST_F(WorkerDescriptors, EverySpanBeforeBetweenAndBehindThePipeIsClosed) {
                      "close_range first=8 last=2147483647 flags=0"}));
 }
 
+TEST_F(WorkerDescriptors, WhereSpansCannotBeClosedEachDescriptorIsUpToTheLimit) {
+    os().child_close_range.always(-1, ENOSYS);
+    EXPECT_EQ(closed_by_worker("close "),
+              (Lines{"close descriptor=3", "close descriptor=4", "close descriptor=6",
+                     "close descriptor=8", "close descriptor=9", "close descriptor=10",
+                     "close descriptor=11"}));
+}
+
 } // namespace
