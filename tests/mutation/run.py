@@ -362,9 +362,12 @@ def main() -> int:
         mutant for file in files for mutant in mutants.find(checkout, file, build.arguments(file))
     ]
     total = len(sample)
-    if arguments.sample is not None and arguments.sample < total:
-        picked = random.Random(arguments.seed).sample(range(total), arguments.sample)
-        sample = [sample[place] for place in sorted(picked)]
+    if arguments.sample is not None:
+        # Each fault has its own lot: a change of one file leaves the draw from the others alone.
+        lots = {mutant.key: random.Random(f"{arguments.seed} {mutant.key}").random()
+                for mutant in sample}
+        drawn = set(sorted(lots, key=lots.get)[: arguments.sample])
+        sample = [mutant for mutant in sample if mutant.key in drawn]
     if arguments.list:
         for mutant in sample:
             print(f"{mutant.file}:{mutant.line}: {mutant.name().partition(' ')[2]}")
