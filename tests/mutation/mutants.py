@@ -504,7 +504,8 @@ class Finder:
         """Whether a statement has to do with what is written, or with all that it is in."""
         text = re.sub(r"\bsizeof\b\s*\(?[\w.>-]+", "", self.source(statement))
         member = rf"\b{outermost(written)}\b" + ("" if written[0] == "*" else r"(?!->|\.|\[\d)")
-        return written in text or re.search(member, text) is not None
+        itself = rf"(?<!\w){re.escape(written)}(?!\w)"
+        return re.search(f"{itself}|{member}", text) is not None
 
     def declares_nothing_for(self, first, second) -> bool:
         """Whether the second statement does without what the first declares."""

@@ -2,6 +2,8 @@
 #include "fakes/fixture.h"
 
 #include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
 
 namespace {
 
@@ -36,6 +38,34 @@ TEST_F(Staging, ASourceThatCannotBeOpenedLeavesNothing) {
     EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::failure);
     EXPECT_EQ(row.copyStatus, flash::STATUS_FILE_TRANSFERERR);
     EXPECT_TRUE(fs::is_empty(directory_));
+}
+
+TEST_F(Staging, ADestinationNameOfOneCharacterIsANameAsAnyOther) {
+    std::ofstream("source") << "content";
+    flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
+        fakes::put(r.sourcePath, "source");
+        fakes::put(r.destinationName, "x");
+    });
+    row.protocol = flash::protocolTftp;
+    EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::success);
+    EXPECT_EQ(fakes::calls("tftp_put"), (fakes::Lines{"tftp_put file=x flags=0"}));
+    EXPECT_TRUE(fakes::calls("system").empty());
+
+    row.protocol = flash::protocolScp;
+    EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::success);
+    EXPECT_THAT(fakes::calls("system"), testing::ElementsAre(testing::HasSubstr(":x ")));
+}
+
+TEST_F(Staging, ARefusalLeavesTheMaskOfNewFilesAsItWas) {
+    ASSERT_EQ(mkfifo("staged.bin", 0600), 0);
+    flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
+        r.protocol = flash::protocolTftp;
+        fakes::put(r.sourcePath, "source");
+        fakes::put(r.destinationName, "staged.bin");
+    });
+    const mode_t former = umask(022);
+    EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::failure);
+    EXPECT_EQ(umask(former), 022U);
 }
 
 } // namespace

@@ -37,4 +37,11 @@ TEST_F(WorkerIds, TheLeastIsSparedOnceItWasReaped) {
     EXPECT_THAT(fakes::calls("kill"), IsEmpty());
 }
 
+TEST_F(WorkerIds, ZeroIsNobodyAlsoAfterAWorkerWasReaped) {
+    handle_flash_copy_done(2, 7, 1);
+    flash_copy_pid = 0;
+    handle_flash_abort(&running_);
+    EXPECT_THAT(fakes::calls("kill"), IsEmpty());
+}
+
 } // namespace
