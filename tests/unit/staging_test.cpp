@@ -1,33 +1,13 @@
 // What a TFTP send leaves in the working directory when it cannot be staged.
-#include "fakes/fixture.h"
+#include "fakes/staging.h"
 
-#include <filesystem>
-#include <fstream>
 #include <sys/stat.h>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class Staging : public fakes::FlashTest {
-  protected:
-    void SetUp() override {
-        FlashTest::SetUp();
-        before_ = fs::current_path();
-        std::string name = (fs::temp_directory_path() / "staging_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory_ = name;
-        fs::current_path(directory_);
-    }
-    void TearDown() override {
-        fs::current_path(before_);
-        fs::remove_all(directory_);
-        FlashTest::TearDown();
-    }
-
-    fs::path before_;
-    fs::path directory_;
-};
+using Staging = fakes::StagingTest;
 
 TEST_F(Staging, ASourceThatCannotBeOpenedLeavesNothing) {
     flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
@@ -37,11 +17,11 @@ TEST_F(Staging, ASourceThatCannotBeOpenedLeavesNothing) {
     });
     EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::failure);
     EXPECT_EQ(row.copyStatus, flash::STATUS_FILE_TRANSFERERR);
-    EXPECT_TRUE(fs::is_empty(directory_));
+    EXPECT_TRUE(fs::is_empty("."));
 }
 
 TEST_F(Staging, ADestinationNameOfOneCharacterIsANameAsAnyOther) {
-    std::ofstream("source") << "content";
+    fakes::write("source", "content");
     flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
         fakes::put(r.sourcePath, "source");
         fakes::put(r.destinationName, "x");
