@@ -1,6 +1,7 @@
 // What a TFTP send leaves in the working directory when it cannot be staged.
 #include "fakes/staging.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -34,6 +35,20 @@ TEST_F(Staging, ADestinationNameOfOneCharacterIsANameAsAnyOther) {
     row.protocol = flash::protocolScp;
     EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::success);
     EXPECT_THAT(fakes::calls("system"), testing::ElementsAre(testing::HasSubstr(":x ")));
+}
+
+TEST_F(Staging, AFifoUnderADestinationNameOfOneCharacterIsRefused) {
+    ASSERT_EQ(mkfifo("x", 0600), 0);
+    const int reader = open("x", O_RDONLY | O_NONBLOCK); // opening it for writing would not block
+    fakes::write("source", "content");
+    flashCopyEntry row = fakes::copy_row([](flashCopyEntry &r) {
+        r.protocol = flash::protocolTftp;
+        fakes::put(r.sourcePath, "source");
+        fakes::put(r.destinationName, "x");
+    });
+    EXPECT_EQ(do_flash_upload_download(flash::directionFromFlash, ".", &row), flash::failure);
+    EXPECT_EQ(row.copyStatus, flash::STATUS_FILE_TRANSFERERR);
+    ::close(reader);
 }
 
 TEST_F(Staging, ARefusalLeavesTheMaskOfNewFilesAsItWas) {
