@@ -16,6 +16,7 @@ import signal
 import sys
 import tempfile
 import time
+from pathlib import Path
 
 from campaign_draw import Draw
 from campaign_run import Campaign
@@ -38,13 +39,14 @@ def drawn(seed, count, seconds=None):
 
 
 @contextlib.contextmanager
-def running_campaign(log=None):
+def running_campaign(log=None, **agent_settings):
     """A campaign with its device and servers up. What is left running by one that does not come to
     its end is ended."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     with contextlib.ExitStack() as stack:
         servers = Servers(stack)
         device = Device()
+        device.agent_settings |= agent_settings
         stack.callback(device.close)
         device.start()
         try:
@@ -74,10 +76,9 @@ def run(operations, log):
         began = time.monotonic()
         try:
             campaign.run(operations)
-        except Violation as violation:
+        except BaseException:
             print(*campaign.recent, sep="\n")
             print(campaign.device.logs())
-            print(f"VIOLATED at operation {campaign.operations}: {violation}")
             raise
         print(figures(campaign, time.monotonic() - began))
         return campaign
@@ -99,12 +100,17 @@ def main():
 
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     descriptor, path = tempfile.mkstemp(prefix="orvex-campaign-", suffix=".log")
-    with open(descriptor, "w", encoding="utf-8") as log:
-        try:
+    try:
+        with open(descriptor, "w", encoding="utf-8") as log:
             run(operations, log)
-        except Violation:
-            print(f"{name}; to run it again: scripts/campaign --replay {path}")
+    except BaseException as error:
+        what = f"VIOLATED: {error}" if isinstance(error, Violation) else f"ENDED: {error!r}"
+        number = len(Path(path).read_text(encoding="utf-8").splitlines())
+        print(what)
+        print(f"{name}, operation {number}; to run it again: scripts/campaign --replay {path}")
+        if isinstance(error, Violation):
             return 1
+        raise
     os.unlink(path)
     return 0
 

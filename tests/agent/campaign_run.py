@@ -4,6 +4,7 @@ import collections
 import contextlib
 import json
 import os
+import re
 import signal
 import time
 from pathlib import Path
@@ -22,20 +23,34 @@ from harness import (
     SCHEMES,
     SUCCESS,
     TFTP,
+    live_children,
     process_state,
     processes,
 )
 
 MOST_COPIES = 5  # at once: what the servers take without refusing anybody
-BEGINNING = 1  # seconds in which a script starts its client
 SWEEP_ROW = 250
 TEMPORARY = {TFTP: ".tftp-", FTP: ".transfer-"}  # FTP: every protocol of a script
+OWNER = re.compile(r"\.(?:tftp|transfer)-(\d+)-[0-9a-f]+")  # process id of who receives
 # Patience in seconds. Everything comes long before on an idle machine.
 ANSWER = 10
 ABORTED = 10  # the processes of a copy that was aborted
 REAPED = 10
 AT_REST = 60
 ROLES = ("worker", "shell", "script")  # by generation; those further below are clients
+
+
+def is_fork(pid, parent):
+    """Whether a process still runs the program of its parent."""
+    with contextlib.suppress(OSError):
+        return os.readlink(f"/proc/{pid}/exe") == os.readlink(f"/proc/{parent}/exe")
+    return False
+
+
+def same_group(pid, other):
+    with contextlib.suppress(ProcessLookupError):
+        return os.getpgid(pid) == os.getpgid(other)
+    return False
 
 
 class Campaign:
@@ -57,7 +72,7 @@ class Campaign:
         self._start_of_row = {}  # row -> number of its last start
         self._endless = set()  # rows that a command of no meaning has left in progress
         self._stopped = set()
-        self._ended_outright = set()  # keys of TEMPORARY: could not clean up
+        self._outright = set()  # process ids of those that were ended before they could clean up
         self._staged = set()  # names that may stand in the staging directory
         self._descriptors = None  # at the first rest
         self._outside = self.device.outside()
@@ -201,11 +216,13 @@ class Campaign:
         self._starts += 1
         row = dict(self.tables.rows["copy"][index])
         possible = self.world.expected(row)
-        worker = Worker(pid, index, self._starts, row, possible, time.monotonic())
+        worker = Worker(pid, index, self._starts, row, possible)
         self._last_worker = worker
         self._start_of_row[index] = worker.start
-        if IN_PROGRESS in worker.possible:
+        if IN_PROGRESS in worker.possible | self.world.reports(index):
             self._endless.add(index)
+        else:
+            self._endless.discard(index)
         for other in self.world.workers.values():
             if other.index == index:
                 other.overlapping = worker.overlapping = True
@@ -220,18 +237,30 @@ class Campaign:
         worker = self._last_worker
         if worker is None or worker.pid not in self.world.workers:
             return
-        self._disturb(worker)
+        worker.disturb()
         if worker.index == index and not worker.overlapping:
             # Otherwise the row may have been in progress no more.
             worker.abort_deadline = time.monotonic() + ABORTED
 
-    def _disturb(self, worker):
-        worker.disturb()
+    def _excuse(self, worker, pid, number):
+        """Notes who cannot remove what it receives because of a signal that it is about to get."""
+        deadly = number != signal.SIGSTOP
         if worker.columns["protocol"] == TFTP:
-            self._ended_outright.add(TFTP)  # the worker itself receives, and no signal stops for it
-        elif time.monotonic() < worker.began + BEGINNING:
-            # The client may still be a fork of the script, whose end makes expect itself exit.
-            self._ended_outright.add(FTP)
+            if deadly:
+                self._outright.add(pid)  # the worker itself receives
+            return
+        parent = (process_state(pid) or ("", 0))[1]
+        if number in (signal.SIGKILL, signal.SIGSTOP):
+            # One that stands still is killed by the platform when its worker is lost.
+            self._outright.add(pid)
+        if is_fork(pid, parent):
+            self._outright.add(parent)  # expect itself exits when one ends that is to be a client
+        if not deadly:
+            # A supervisor that stands still does not tell its script, and a script waits for the
+            # helpers in its group: the platform kills them all.
+            self._outright.update(live_children(pid))
+            if same_group(pid, parent):
+                self._outright.add(parent)
 
     def _ended(self, worker):
         """Checks what a copy has left behind."""
@@ -252,6 +281,7 @@ class Campaign:
             self._check_content(worker)
         elif worker.columns["command"] == FROM_FLASH and worker.columns["protocol"] == TFTP:
             self._staged.add(self.world.destination(worker.columns)[1])
+        self._check_temporary_files()
 
     def _check_content(self, worker):
         place, content = self.world.destination(worker.columns), self.world.content(worker.columns)
@@ -343,7 +373,8 @@ class Campaign:
         if not targets:
             return
         pid, role, worker = targets[nth % len(targets)]
-        self._disturb(worker)
+        worker.disturb()
+        self._excuse(worker, pid, number)
         if role == "shell":
             # The module takes the end of its shell by a signal for a success, as it is told to.
             worker.shell_signalled = True
@@ -353,9 +384,6 @@ class Campaign:
             self.counts[f"to a {role}"] += 1
             if number == signal.SIGSTOP:
                 self._stopped.add(pid)
-            if role == "script" and number in (signal.SIGKILL, signal.SIGSTOP):
-                # One that stands still is killed outright when its worker is lost.
-                self._ended_outright.add(FTP)
 
     def _transfer_processes(self):
         """The processes of all copies: process id, role, worker."""
@@ -384,6 +412,7 @@ class Campaign:
         self._await(lambda: not self.device.strays(), self._strays, ABORTED)
         self._check_rows()
         self._empty_tables()
+        self._check_temporary_files()
         self._sweep()
         self._check_files()
         self._await(self._inventory_answers, lambda: "the inventory is back", ABORTED)
@@ -398,12 +427,23 @@ class Campaign:
                 lines.append(f"{pid} {process_state(pid)} {words}")
         return "no stray process:\n" + "\n".join(lines)
 
+    def _temporary_files(self, prefixes=tuple(TEMPORARY.values())):
+        return [path for path in self._flash() if path.name.startswith(prefixes)]
+
+    def _check_temporary_files(self):
+        """Nobody leaves one who could remove it. Not only at rest: any get removes those there."""
+        for path in self._temporary_files():
+            owner = OWNER.fullmatch(path.name)
+            expect(owner is not None, f"a temporary file is left, by nobody: {path}")
+            pid = int(owner[1])
+            # It may have been removed, and its owner ended, since the directory was read.
+            if pid not in self._outright and process_state(pid) is None and path.exists():
+                raise Violation(f"a temporary file is left: {path}")
+
     def _sweep(self):
         """What a transfer left that was ended outright, the next that receives there removes."""
-        for protocol in self._ended_outright:
-            prefix = TEMPORARY[protocol]
-            left = (path for path in self._flash() if path.name.startswith(prefix))
-            for directory in {path.parent for path in left}:
+        for protocol, prefix in TEMPORARY.items():
+            for directory in {path.parent for path in self._temporary_files(prefix)}:
                 scheme, _, below = str(directory.relative_to(self.device.directory)).partition("/")
                 destination = f"{scheme}:{below}/swept" if below else f"{scheme}:swept"
                 self.results["swept"] += 1
@@ -411,7 +451,7 @@ class Campaign:
                 self._await_copies(0)
                 expect(self.tables.rows["copy"][SWEEP_ROW]["status"] == SUCCESS, "cannot sweep")
                 self._do_set(*set_entry("copy", SWEEP_ROW, model.DESTROY)[1:])
-        self._ended_outright.clear()
+        self._outright.clear()
 
     def _flash(self):
         return [path for scheme in SCHEMES for path in self.device.flash(scheme).rglob("*")]

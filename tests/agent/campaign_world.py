@@ -80,7 +80,6 @@ class Worker:
     start: int  # number of the start
     columns: dict
     possible: set  # what it may report
-    began: float
     disturbed: bool = False  # somebody aborted it or sent signals to its processes
     shell_signalled: bool = False  # success then says nothing about the file
     overlapping: bool = False  # another copy used the same row at the same time
