@@ -14,6 +14,7 @@ from tftp_server import TftpServer
 sys.path.append(str(REPOSITORY / "tests" / "transfer"))
 
 from servers import Account, FtpServer, SshServer  # noqa: E402, pylint: disable=C0413
+from transfers import PROGRAMS  # noqa: E402, F401, pylint: disable=C0413,W0611
 
 PROTOCOLS = {"tftp": TFTP, "ftp": FTP, "scp": SCP, "sftp": SFTP}
 SCRIPTED = ("ftp", "scp", "sftp")

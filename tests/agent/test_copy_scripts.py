@@ -22,6 +22,7 @@ from harness import (
 )
 from remotes import (
     AWKWARD,
+    PROGRAMS,
     PROTOCOLS,
     SCRIPT_NAMES,
     SCRIPTED,
@@ -330,16 +331,19 @@ def test_transfer_whose_shell_is_killed_does_not_go_on(host, protocol, verb):
     assert not held.flash_files()
 
 
-@pytest.mark.parametrize("protocol, program", [("ftp", "tnftp"), ("scp", "scp"), ("sftp", "sftp")])
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM])
+@pytest.mark.parametrize(
+    "protocol, program", [(key, each) for key, programs in PROGRAMS.items() for each in programs]
+)
 @both_ways
-def test_killed_client_of_a_script_is_a_transfer_error(host, protocol, verb, program):
-    """A get leaves the former file as it was."""
+def test_killed_client_of_a_script_is_a_transfer_error(host, protocol, verb, program, number):
+    """Or its timer. A get leaves the former file as it was."""
     held = HeldCopy(host, protocol, verb)
     if verb == "get":
         (host.flash() / "large").write_bytes(b"old")
     held.start()
-    [client] = [pid for pid in host.strays() if process_name(pid) == program]
-    os.kill(client, signal.SIGKILL)
+    [killed] = [pid for pid in host.strays() if process_name(pid) == program]
+    os.kill(killed, number)
     assert host.finish_copy(held.ROW) == TRANSFER_ERROR
     assert [path.name for path in host.flash().iterdir()] == ["large"]
     content = b"old" if verb == "get" else held.content

@@ -202,7 +202,7 @@ def test_a_transfer_ends_at_its_time_limit(client, standstill):
     members = family(process.pid)
     began = time.monotonic()
     assert client.finish(process) == FAILED
-    assert time.monotonic() - began < 5
+    assert time.monotonic() - began < 15
     assert not any(alive(each) for each in members)
     assert client.temporaries() == []
 

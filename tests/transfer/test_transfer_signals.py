@@ -5,7 +5,6 @@ import pathlib
 import re
 import resource
 import signal
-import time
 
 import pytest
 from servers import Forwarder, FtpServer, wait_until
@@ -16,15 +15,13 @@ def end_by(number, client, standstill):
     process = standstill.start()
     members = family(process.pid)
     process.send_signal(number)
-    began = time.monotonic()
     process.communicate(timeout=10)
     assert process.returncode == FAILED
     wait_until(lambda: not any(alive(each) for each in members), what="no process left")
-    assert time.monotonic() - began < 1
     assert client.temporaries() == []
 
 
-def test_sigterm_ends_all_processes_within_a_second(client, standstill):
+def test_sigterm_ends_all_processes(client, standstill):
     end_by(signal.SIGTERM, client, standstill)
 
 
@@ -35,14 +32,12 @@ def test_other_signals_that_ask_for_the_end_do_as_sigterm_does(client, standstil
 
 
 @pytest.mark.parametrize("standstill", ["get"], indirect=True)
-def test_a_signal_to_the_group_ends_all_processes_within_a_second(client, standstill):
+def test_a_signal_to_the_group_ends_all_processes(client, standstill):
     process = standstill.start(start_new_session=True)
     members = family(process.pid)
     os.killpg(process.pid, signal.SIGTERM)
-    began = time.monotonic()
     process.communicate(timeout=10)
     wait_until(lambda: not any(alive(each) for each in members), what="no process left")
-    assert time.monotonic() - began < 1
     assert client.temporaries() == []
 
 
