@@ -69,18 +69,13 @@ closing_line() {
     "$python" "$root/scripts/sum-results" "$results"
 }
 
-# install_packages [PACKAGE...]: installs the packages that are missing, of packages.txt and those
-# named.
-install_packages() {
-    local wanted missing=() package
-    mapfile -t wanted < <(grep -v '^#' "$root/scripts/packages.txt")
-    wanted+=("$@")
-    for package in "${wanted[@]}"; do
+# install_missing PACKAGE...: installs those that are missing.
+install_missing() {
+    local package missing=()
+    for package in "$@"; do
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             missing+=("$package")
     done
-    # The base MIB modules come from an npm package; any npm will do.
-    command -v npm >/dev/null || missing+=(npm)
     [ ${#missing[@]} -eq 0 ] && return
     say "Installing ${missing[*]}"
     apt-get update -qq
@@ -98,6 +93,15 @@ install_packages() {
         return 1
     }
     [ -z "$ours" ] || rm -f "$policy"
+}
+
+# Installs what building, testing and the demonstration need and is missing.
+install_packages() {
+    local wanted
+    mapfile -t wanted < <(grep -v '^#' "$root/scripts/packages.txt")
+    # The base MIB modules come from an npm package; any npm will do.
+    command -v npm >/dev/null || wanted+=(npm)
+    install_missing "${wanted[@]}"
 }
 
 # build PRESET [TARGET...]: configures and builds. Whoever else builds the preset at the same time
