@@ -172,6 +172,13 @@ def sha256(path) -> str:
     ).stdout.split()[0]
 
 
+def arrived(path, size) -> Path:
+    """A file at a server, once it has that size: a TFTP server may acknowledge the last block before
+    it writes it out."""
+    wait_for(lambda: path.exists() and path.stat().st_size == size, f"{path.name} has {size} bytes")
+    return path
+
+
 def write_random(path, size):
     """A file of random bytes, written in pieces."""
     with open("/dev/urandom", "rb") as source, open(path, "wb") as target:

@@ -15,6 +15,7 @@ from harness import (
     SUCCESS,
     TO_FLASH,
     TRANSFER_ERROR,
+    arrived,
     sha256,
     small_file_system,
     wait_for,
@@ -102,8 +103,7 @@ def test_put_of_every_size_is_complete(shared_host, remote, size):
     source = shared_host.flash("slot0") / "source"
     write_random(source, size)
     assert put(shared_host, remote, "slot0:source", f"put{size}") == SUCCESS
-    sent = remote.home / f"put{size}"
-    assert sent.stat().st_size == size
+    sent = arrived(remote.home / f"put{size}", size)
     assert sha256(sent) == sha256(source)
     sent.unlink()
 
@@ -140,7 +140,7 @@ def test_put_without_destination_name_keeps_the_name_of_the_file(clean_host, rem
     """Every resolved path has a directory before that name, so that there always is one."""
     (clean_host.flash() / "running.cfg").write_bytes(CONTENT)
     assert put(clean_host, remote, "bootflash:running.cfg", None) == SUCCESS
-    assert (remote.home / "running.cfg").read_bytes() == CONTENT
+    assert arrived(remote.home / "running.cfg", len(CONTENT)).read_bytes() == CONTENT
     (remote.home / "running.cfg").unlink()
     assert list(clean_host.work_dir.iterdir()) == []
 

@@ -34,6 +34,7 @@ from harness import (
     CopyColumn,
     ToolError,
     TrapReceiver,
+    arrived,
     copy_columns,
     live_children,
     sha256,
@@ -131,7 +132,8 @@ def test_put_of_every_size_is_complete(host):
             row, command=FROM_FLASH, source=f"slot0:{source.name}", destination=f"sent{size}"
         )
         assert status == SUCCESS, f"{size} bytes: copy status {status}"
-        assert sha256(host.server_dir / f"sent{size}") == sha256(source), f"{size} bytes"
+        sent = arrived(host.server_dir / f"sent{size}", size)
+        assert sha256(sent) == sha256(source), f"{size} bytes"
         assert not (host.work_dir / f"sent{size}").exists(), "the staged copy was left"
 
 
@@ -140,7 +142,7 @@ def test_put_without_destination_name_keeps_the_name_of_the_file(host):
     (host.flash() / "running.cfg").write_bytes(CONTENT)
     status = host.copy(3, command=FROM_FLASH, source="bootflash:running.cfg", destination=None)
     assert status == SUCCESS
-    assert (host.server_dir / "running.cfg").read_bytes() == CONTENT
+    assert arrived(host.server_dir / "running.cfg", len(CONTENT)).read_bytes() == CONTENT
     assert not (host.work_dir / "running.cfg").exists()
 
 
@@ -297,8 +299,8 @@ def test_full_disk_while_staging_without_a_destination_name_sends_the_cut_file(i
         host.stop()
     assert status == SUCCESS
     assert left == []
-    sent = (host.server_dir / "big").read_bytes()
-    assert 0 < len(sent) < len(CONTENT)
+    sent = wait_for((host.server_dir / "big").read_bytes, "the server has written the file")
+    assert len(sent) < len(CONTENT)
     assert CONTENT.startswith(sent)
 
 
@@ -319,7 +321,7 @@ def test_name_is_taken_as_it_is_where_no_shell_is_involved(host, name):
     (host.server_dir / name).unlink()
     names = dict(source=f"bootflash:{name}", destination=name)
     assert host.copy(2, command=FROM_FLASH, **names) == SUCCESS
-    assert (host.server_dir / name).read_bytes() == CONTENT
+    assert arrived(host.server_dir / name, len(CONTENT)).read_bytes() == CONTENT
     assert list(host.work_dir.iterdir()) == []
 
 
