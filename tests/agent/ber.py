@@ -55,7 +55,8 @@ def tlv(tag: int, content: bytes) -> bytes:
 
 def integer(value: int, tag: int = INTEGER) -> bytes:
     """An INTEGER of any size, or another type that is encoded like one."""
-    return tlv(tag, value.to_bytes(value.bit_length() // 8 + 1, "big", signed=True))
+    size = max(value, ~value).bit_length() // 8 + 1
+    return tlv(tag, value.to_bytes(size, "big", signed=True))
 
 
 def octets(content: bytes) -> bytes:

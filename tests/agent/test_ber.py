@@ -28,6 +28,13 @@ def answer_to(request_id, error=ber.NO_ERROR):
     return ber.tlv(ber.SEQUENCE, ber.integer(ber.V2C) + ber.octets(b"test") + pdu)
 
 
+@pytest.mark.parametrize(
+    "value, size", [(0, 1), (127, 1), (128, 2), (-128, 1), (-129, 2), (2**31 - 1, 4), (-(2**31), 4)]
+)
+def test_an_integer_is_as_short_as_it_can_be(value, size):
+    assert ber.integer(value) == bytes([ber.INTEGER, size]) + value.to_bytes(size, "big", signed=True)
+
+
 def test_a_late_answer_is_not_taken_for_the_next_one(peer, sender):
     late, request = (ber.message(ber.GET, []) for _ in range(2))
     for packet in (late, request):
