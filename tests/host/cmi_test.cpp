@@ -1,6 +1,6 @@
 // cmi_req_resp against a daemon that does what each test tells it to.
+#include "base/peer.h"
 #include "cmi/cmi_wire.h"
-#include "cmi/peer.h"
 #include "ruma/cmi.h"
 
 #include <atomic>

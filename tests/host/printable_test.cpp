@@ -1,5 +1,5 @@
 // Foreign text on one line.
-#include "printable.h"
+#include "base/printable.h"
 
 #include <gtest/gtest.h>
 

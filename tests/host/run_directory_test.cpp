@@ -1,5 +1,5 @@
 // The making of the run directory.
-#include "config/run_directory.h"
+#include "base/run_directory.h"
 
 #include "temporary_directory.h"
 

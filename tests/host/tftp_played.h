@@ -4,8 +4,8 @@
 
 #include "tftp_fixture.h"
 
+#include "base/unique_fd.h"
 #include "tftp/packet.h"
-#include "unique_fd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

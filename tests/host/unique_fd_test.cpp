@@ -1,5 +1,5 @@
 // The descriptor that closes itself.
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <cerrno>
 #include <fcntl.h>

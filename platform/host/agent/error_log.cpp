@@ -1,9 +1,9 @@
 #include <ruma/agent.h>
 
 #include "agent/request.h"
+#include "base/printable.h"
+#include "base/unique_fd.h"
 #include "config/config.h"
-#include "printable.h"
-#include "unique_fd.h"
 
 #include <cstdio>
 #include <cstring>

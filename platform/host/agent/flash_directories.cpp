@@ -1,7 +1,7 @@
 #include "agent/flash_directories.h"
 
+#include "base/printable.h"
 #include "config/config.h"
-#include "printable.h"
 
 #include <net-snmp/net-snmp-config.h>
 

@@ -8,9 +8,9 @@
 #include "agent/flash_directories.h"
 #include "agent/request.h"
 #include "agent/workers.h"
-#include "cmi/peer.h"
+#include "base/peer.h"
+#include "base/run_directory.h"
 #include "config/config.h"
-#include "config/run_directory.h"
 #include "pmb/receiver.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>

@@ -4,7 +4,7 @@
 #define RUMA_HOST_AGENT_WORKERS_H
 
 #include "agent/copy_status.h"
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <chrono>
 #include <optional>

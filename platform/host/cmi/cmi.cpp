@@ -5,8 +5,8 @@
 // waiting. A daemon that ended closes the connection, so its successor is found by the next call.
 #include "ruma/cmi.h"
 
+#include "base/peer.h"
 #include "cmi/cmi_wire.h"
-#include "cmi/peer.h"
 #include "config/config.h"
 
 #include <cerrno>

@@ -1,10 +1,10 @@
 // The trace facility: the event history, and debug messages on standard error.
 #include "ruma/evwrap.h"
 
+#include "base/printable.h"
 #include "config/config.h"
 #include "evwrap/history.h"
 #include "evwrap/quiet.h"
-#include "printable.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "evwrap/history.h"
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // ruma-trace: shows the event history and sets the trace switches.
+#include "base/printable.h"
 #include "config/config.h"
 #include "evwrap/history.h"
-#include "printable.h"
 
 #include <cerrno>
 #include <chrono>

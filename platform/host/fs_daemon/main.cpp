@@ -1,5 +1,5 @@
 // The file-system daemon: serves the inventory of the configured file systems to the SNMP agent.
-#include "cmi/peer.h"
+#include "base/peer.h"
 #include "config/config.h"
 #include "fs_daemon/server.h"
 

@@ -5,9 +5,9 @@
 #ifndef RUMA_FS_DAEMON_MONITOR_H
 #define RUMA_FS_DAEMON_MONITOR_H
 
+#include "base/unique_fd.h"
 #include "fs_daemon/catalogue.h"
 #include "fs_daemon/records.h"
-#include "unique_fd.h"
 
 #include <chrono>
 #include <dirent.h>

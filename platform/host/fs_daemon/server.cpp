@@ -1,8 +1,8 @@
 #include "fs_daemon/server.h"
 
+#include "base/peer.h"
+#include "base/run_directory.h"
 #include "cmi/cmi_wire.h"
-#include "cmi/peer.h"
-#include "config/run_directory.h"
 #include "flash_codes.h"
 #include "ruma/cmi.h"
 

@@ -2,8 +2,8 @@
 #ifndef RUMA_FS_DAEMON_SERVER_H
 #define RUMA_FS_DAEMON_SERVER_H
 
+#include "base/unique_fd.h"
 #include "fs_daemon/inventory.h"
-#include "unique_fd.h"
 
 #include <chrono>
 #include <map>

@@ -2,8 +2,8 @@
 #ifndef RUMA_HOST_PMB_RECEIVER_H
 #define RUMA_HOST_PMB_RECEIVER_H
 
+#include "base/unique_fd.h"
 #include "pmb/message.h"
-#include "unique_fd.h"
 
 #include <cstdint>
 

@@ -2,8 +2,8 @@
 // into its place when it is whole.
 #include "ruma/syslog.h"
 
+#include "base/unique_fd.h"
 #include "syserr/codes.h"
-#include "unique_fd.h"
 
 #include <algorithm>
 #include <array>

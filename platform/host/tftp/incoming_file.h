@@ -2,7 +2,7 @@
 #ifndef RUMA_HOST_TFTP_INCOMING_FILE_H
 #define RUMA_HOST_TFTP_INCOMING_FILE_H
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <string>
 #include <sys/types.h>

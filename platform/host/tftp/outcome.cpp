@@ -1,6 +1,6 @@
 #include "tftp/outcome.h"
 
-#include "printable.h"
+#include "base/printable.h"
 #include "tftp/local_result.h"
 
 #include <cerrno>

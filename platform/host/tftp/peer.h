@@ -2,7 +2,7 @@
 #ifndef RUMA_HOST_TFTP_PEER_H
 #define RUMA_HOST_TFTP_PEER_H
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <chrono>
 #include <cstddef>

@@ -1,12 +1,12 @@
 // The C interface of the TFTP client.
 #include <ruma/tftp.h>
 
+#include "base/unique_fd.h"
 #include "tftp/incoming_file.h"
 #include "tftp/local_result.h"
 #include "tftp/outcome.h"
 #include "tftp/session.h"
 #include "tftp/transfer.h"
-#include "unique_fd.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "uri/confine.h"
 
+#include "base/unique_fd.h"
 #include "syserr/codes.h"
-#include "unique_fd.h"
 
 #include <algorithm>
 #include <cerrno>

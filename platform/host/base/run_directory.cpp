@@ -1,7 +1,7 @@
-#include "config/run_directory.h"
+#include "base/run_directory.h"
 
-#include "cmi/peer.h"
-#include "unique_fd.h"
+#include "base/peer.h"
+#include "base/unique_fd.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "printable.h"
+#include "base/printable.h"
 
 #include <cstdio>
 

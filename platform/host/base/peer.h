@@ -1,6 +1,6 @@
 // Who is at the other end of a Unix socket, as the kernel knows it.
-#ifndef RUMA_HOST_CMI_PEER_H
-#define RUMA_HOST_CMI_PEER_H
+#ifndef RUMA_HOST_BASE_PEER_H
+#define RUMA_HOST_BASE_PEER_H
 
 #include <optional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "cmi/peer.h"
+#include "base/peer.h"
 
 #include <cerrno>
 #include <pwd.h>

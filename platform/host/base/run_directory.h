@@ -1,6 +1,6 @@
 // The directory of the platform's sockets, event history and logs, as a thing to be made.
-#ifndef RUMA_HOST_RUN_DIRECTORY_H
-#define RUMA_HOST_RUN_DIRECTORY_H
+#ifndef RUMA_HOST_BASE_RUN_DIRECTORY_H
+#define RUMA_HOST_BASE_RUN_DIRECTORY_H
 
 #include <optional>
 #include <string>

@@ -1,6 +1,6 @@
 // Foreign text on one line of a log.
-#ifndef RUMA_HOST_PRINTABLE_H
-#define RUMA_HOST_PRINTABLE_H
+#ifndef RUMA_HOST_BASE_PRINTABLE_H
+#define RUMA_HOST_BASE_PRINTABLE_H
 
 #include <string>
 #include <string_view>

@@ -1,6 +1,6 @@
 // A file descriptor that closes itself.
-#ifndef RUMA_HOST_UNIQUE_FD_H
-#define RUMA_HOST_UNIQUE_FD_H
+#ifndef RUMA_HOST_BASE_UNIQUE_FD_H
+#define RUMA_HOST_BASE_UNIQUE_FD_H
 
 #include <cerrno>
 #include <unistd.h>
