@@ -55,7 +55,13 @@ TEST_F(ConfigTest, ReadsEverySetting) {
                                      "[agent]\n"
                                      "user = \"Debian-snmp\"\n"
                                      "max_rows = 17\n"
-                                     "report_lost_workers = true\n");
+                                     "report_lost_workers = true\n"
+                                     "confine = true\n"
+                                     "[fs_daemon]\n"
+                                     "user = \"ruma-fsd\"\n"
+                                     "confine = true\n"
+                                     "[trace]\n"
+                                     "debug = true\n");
     ASSERT_EQ(config.file_systems.size(), 2u);
     EXPECT_EQ(config.file_systems[0].scheme, "bootflash");
     EXPECT_EQ(config.file_systems[0].directory, "/srv/boot flash");
@@ -66,6 +72,17 @@ TEST_F(ConfigTest, ReadsEverySetting) {
     EXPECT_EQ(config.agent_user, "Debian-snmp");
     EXPECT_EQ(config.max_rows, 17u);
     EXPECT_TRUE(config.report_lost_workers);
+    EXPECT_TRUE(config.confine_agent);
+    EXPECT_EQ(config.fs_daemon_user, "ruma-fsd");
+    EXPECT_TRUE(config.confine_fs_daemon);
+    EXPECT_TRUE(config.trace_debug);
+}
+
+TEST_F(ConfigTest, KeysOfTheSameNameBelongToTheirTables) {
+    EXPECT_FALSE(load("[agent]\nconfine = true\n").confine_fs_daemon);
+    EXPECT_FALSE(load("[fs_daemon]\nconfine = true\n").confine_agent);
+    EXPECT_EQ(load("[fs_daemon]\nuser = \"ruma-fsd\"\n").agent_user, "");
+    EXPECT_EQ(load("[agent]\nuser = \"snmp\"\n").fs_daemon_user, "");
 }
 
 TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
@@ -76,13 +93,17 @@ TEST_F(ConfigTest, FileWithoutFileSystemsKeepsTheBuiltInOnes) {
     EXPECT_EQ(config.core_directory, "");
     EXPECT_EQ(config.max_rows, 10000u);
     EXPECT_FALSE(config.report_lost_workers);
+    EXPECT_FALSE(config.confine_agent);
+    EXPECT_EQ(config.fs_daemon_user, "");
+    EXPECT_FALSE(config.confine_fs_daemon);
+    EXPECT_FALSE(config.trace_debug);
 }
 
 TEST_F(ConfigTest, EmptyListMeansNoFileSystems) {
     EXPECT_TRUE(load("file_system = []\n").file_systems.empty());
 }
 
-TEST_F(ConfigTest, TheSampleIsTheBuiltInDefaultAndReportsLostWorkers) {
+TEST_F(ConfigTest, TheSampleIsTheBuiltInDefaultAndReportsLostWorkersAndConfines) {
     const ruma::Config config =
         ruma::load_config(ORVEX_SOURCE_DIRECTORY "/platform/host/config/platform.toml");
     const ruma::Config built_in = load("");
@@ -96,6 +117,10 @@ TEST_F(ConfigTest, TheSampleIsTheBuiltInDefaultAndReportsLostWorkers) {
     EXPECT_EQ(config.agent_user, built_in.agent_user);
     EXPECT_EQ(config.max_rows, built_in.max_rows);
     EXPECT_TRUE(config.report_lost_workers);
+    EXPECT_TRUE(config.confine_agent);
+    EXPECT_EQ(config.fs_daemon_user, built_in.fs_daemon_user);
+    EXPECT_TRUE(config.confine_fs_daemon);
+    EXPECT_EQ(config.trace_debug, built_in.trace_debug);
 }
 
 TEST_F(ConfigTest, SchemeOf15CharactersIsTaken) {
@@ -174,6 +199,7 @@ TEST_F(ConfigTest, UnknownKeysAreRefusedAtEveryLevel) {
     EXPECT_EQ(complaint(table("a") + "size = 3\n"), "4: unknown key \"size\"");
     EXPECT_EQ(complaint("[core]\ndirectory = \"/c\"\nlimit = 1\n"), "3: unknown key \"limit\"");
     EXPECT_EQ(complaint("[agent]\ngroup = \"a\"\n"), "2: unknown key \"group\"");
+    EXPECT_EQ(complaint("[trace]\nconfine = true\n"), "2: unknown key \"confine\"");
 }
 
 TEST_F(ConfigTest, ValuesOfTheWrongKindAreRefused) {

@@ -1,42 +1,37 @@
 #include "config/config.h"
 
-#include "flash_records.h"
+#include "config/description.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <initializer_list>
-#include <new>
-#include <optional>
+#include <span>
 #include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 #include <toml++/toml.h>
 #include <utility>
+#include <variant>
 
 namespace ruma {
 namespace {
 
 constexpr const char *default_config_path = "/etc/ruma/platform.toml";
 constexpr const char *default_run_dir = "/run/ruma";
-constexpr size_t max_scheme = 15;
-constexpr size_t max_file_systems = 32;
-constexpr size_t max_directory = 200; // leaves room for a file name in the module's path fields
-constexpr size_t max_description = sizeof(flashDeviceEntry::description) - 1;
-constexpr size_t max_user = 32;
-constexpr int64_t max_max_rows = 1000000;
-constexpr std::uintmax_t max_config_size = 1 << 20;
+constexpr const char *missing = " is missing or empty";
 
-// Schemes that mean something else on the device than a file system.
-constexpr std::string_view reserved_schemes[] = {"log", "ilc-nvram", "core"};
+// Whether one of `described`, keys or tables, has that name.
+template <typename Described>
+bool named(std::span<const Described> described, std::string_view name) {
+    return std::any_of(described.begin(), described.end(),
+                       [name](const Described &each) { return each.name == name; });
+}
 
 Config built_in_config() {
     Config config;
-    config.file_systems = {{"bootflash", "/var/lib/ruma/bootflash", "Internal flash"},
-                           {"slot0", "/var/lib/ruma/slot0", "Removable flash card"},
-                           {"logflash", "/var/lib/ruma/logflash", "Log flash"}};
+    config.file_systems = built_in_file_systems();
     return config;
 }
 
@@ -53,105 +48,108 @@ class Reader {
         throw ConfigError(path_ + ":" + std::to_string(line) + ": " + reason);
     }
 
-    // Refuses keys other than those named.
-    void check_keys(const toml::table &table, std::initializer_list<std::string_view> known) const {
+    // Refuses keys that are not `known`.
+    template <typename Known>
+    void check_keys(const toml::table &table, const Known &known) const {
         for (const auto &[key, node] : table) {
-            if (std::find(known.begin(), known.end(), key.str()) == known.end())
+            if (!known(key.str()))
                 fail(key.source().begin.line, "unknown key \"" + std::string(key.str()) + "\"");
         }
     }
 
-    // The value under `key`, or nothing when the key is absent. `kind` says what it must be.
+    // The value of `node`. `kind` says what it must be.
     template <typename Value>
-    std::optional<Value> value(const toml::table &table, std::string_view key,
-                               const char *kind) const {
-        const toml::node *node = table.get(key);
-        if (node == nullptr)
-            return std::nullopt;
-        auto found = node->value_exact<Value>();
+    Value exact(const toml::node &node, const std::string &name, const char *kind) const {
+        auto found = node.value_exact<Value>();
         if (!found)
-            fail(*node, std::string(key) + " must be " + kind);
-        return found;
+            fail(node, name + " must be " + kind);
+        return std::move(*found);
     }
 
-    // The text under `key`, or an empty one when the key is absent.
-    std::string text(const toml::table &table, std::string_view key, size_t max_length) const {
-        auto value = this->value<std::string>(table, key, "a string");
-        if (!value)
-            return {};
-        const toml::node *node = table.get(key);
-        const std::string name(key);
-        if (value->size() > max_length)
-            fail(*node, name + " is longer than " + std::to_string(max_length) + " bytes");
+    void check_directory(const toml::node &node, const std::string &name,
+                         const std::string &value) const {
+        if (!value.starts_with('/'))
+            fail(node, name + " \"" + value + "\" is not absolute");
+        if ((value + "/").find("/../") != std::string::npos)
+            fail(node, name + " \"" + value + "\" holds \"..\"");
+    }
+
+    void check_scheme(const toml::node &node, const std::string &name,
+                      const std::string &value) const {
+        if (value.find_first_not_of(scheme_characters) != std::string::npos)
+            fail(node, name + " \"" + value + "\" holds other characters than " +
+                           std::string(scheme_characters_by_name));
+        if (std::find(std::begin(reserved_schemes), std::end(reserved_schemes), value) !=
+            std::end(reserved_schemes))
+            fail(node, name + " \"" + value + "\" is reserved");
+    }
+
+    template <typename Record>
+    void take(const toml::node &node, const Key<Record> &key, const Text<Record> &described,
+              Record &record) const {
+        const std::string name(key.name);
+        auto value = exact<std::string>(node, name, "a string");
+        if (value.size() > described.max_length)
+            fail(node, name + " is longer than " + std::to_string(described.max_length) + " bytes");
         const auto control = [](char c) {
             return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
         };
-        if (std::any_of(value->begin(), value->end(), control))
-            fail(*node, name + " holds a control character");
-        return std::move(*value);
+        if (std::any_of(value.begin(), value.end(), control))
+            fail(node, name + " holds a control character");
+        if (key.required && value.empty())
+            fail(node, name + missing);
+        if (described.form == Form::directory)
+            check_directory(node, name, value);
+        if (described.form == Form::scheme)
+            check_scheme(node, name, value);
+        record.*described.member = std::move(value);
     }
 
-    std::string required_text(const toml::table &table, std::string_view key,
-                              size_t max_length) const {
-        std::string value = text(table, key, max_length);
-        if (value.empty()) {
-            const toml::node *node = table.get(key);
-            fail(node == nullptr ? table : *node, std::string(key) + " is missing or empty");
+    template <typename Record>
+    void take(const toml::node &node, const Key<Record> &key, const Number<Record> &described,
+              Record &record) const {
+        const std::string name(key.name);
+        const auto value = exact<int64_t>(node, name, "an integer");
+        if (value < described.least || value > described.most)
+            fail(node, name + " is not between " + std::to_string(described.least) + " and " +
+                           std::to_string(described.most));
+        record.*described.member = static_cast<uint32_t>(value);
+    }
+
+    template <typename Record>
+    void take(const toml::node &node, const Key<Record> &key, const Switch<Record> &described,
+              Record &record) const {
+        record.*described.member = exact<bool>(node, std::string(key.name), "true or false");
+    }
+
+    // Takes what `table` holds into `record`; what it lacks keeps its default.
+    template <typename Record>
+    void take(const toml::table &table, std::span<const Key<Record>> keys, Record &record) const {
+        check_keys(table, [keys](std::string_view name) { return named(keys, name); });
+        for (const Key<Record> &key : keys) {
+            const toml::node *node = table.get(key.name);
+            if (node == nullptr && key.required)
+                fail(table, std::string(key.name) + missing);
+            if (node != nullptr)
+                std::visit([&](const auto &described) { take(*node, key, described, record); },
+                           key.value);
         }
-        return value;
-    }
-
-    // The number under `key`, or `fallback` when the key is absent.
-    uint32_t number(const toml::table &table, std::string_view key, int64_t least, int64_t most,
-                    uint32_t fallback) const {
-        const auto value = this->value<int64_t>(table, key, "an integer");
-        if (!value)
-            return fallback;
-        if (*value < least || *value > most)
-            fail(*table.get(key), std::string(key) + " is not between " + std::to_string(least) +
-                                      " and " + std::to_string(most));
-        return static_cast<uint32_t>(*value);
-    }
-
-    // The switch under `key`, off when the key is absent.
-    bool flag(const toml::table &table, std::string_view key) const {
-        return value<bool>(table, key, "true or false").value_or(false);
-    }
-
-    std::string directory(const toml::table &table) const {
-        std::string value = required_text(table, "directory", max_directory);
-        const toml::node &node = *table.get("directory");
-        if (value.front() != '/')
-            fail(node, "directory \"" + value + "\" is not absolute");
-        if ((value + "/").find("/../") != std::string::npos)
-            fail(node, "directory \"" + value + "\" holds \"..\"");
-        return value;
-    }
-
-    FileSystem file_system(const toml::table &table) const {
-        check_keys(table, {"scheme", "directory", "description"});
-        const std::string scheme = required_text(table, "scheme", max_scheme);
-        const toml::node &node = *table.get("scheme");
-        if (scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-") != std::string::npos)
-            fail(node, "scheme \"" + scheme + "\" holds other characters than a-z, 0-9 and -");
-        if (std::find(std::begin(reserved_schemes), std::end(reserved_schemes), scheme) !=
-            std::end(reserved_schemes))
-            fail(node, "scheme \"" + scheme + "\" is reserved");
-        return {scheme, directory(table), text(table, "description", max_description)};
     }
 
     std::vector<FileSystem> file_systems(const toml::node &node) const {
+        const std::string name(file_system_table.name);
         const toml::array *tables = node.as_array();
         if (tables == nullptr)
-            fail(node, "file_system must be an array of tables");
+            fail(node, name + " must be an array of tables");
         std::vector<FileSystem> result;
         for (const toml::node &element : *tables) {
             const toml::table *table = element.as_table();
             if (table == nullptr)
-                fail(element, "file_system must be an array of tables");
+                fail(element, name + " must be an array of tables");
             if (result.size() == max_file_systems)
                 fail(element, "more than " + std::to_string(max_file_systems) + " file systems");
-            FileSystem added = file_system(*table);
+            FileSystem added;
+            take(*table, file_system_table.keys, added);
             for (const FileSystem &other : result) {
                 if (other.scheme == added.scheme)
                     fail(*table->get("scheme"), "scheme \"" + added.scheme + "\" is used twice");
@@ -159,20 +157,6 @@ class Reader {
             result.push_back(std::move(added));
         }
         return result;
-    }
-
-    // The table under `key`, or an empty one when the key is absent.
-    const toml::table &section(const toml::table &root, std::string_view key,
-                               std::initializer_list<std::string_view> known) const {
-        static const toml::table absent;
-        const toml::node *node = root.get(key);
-        if (node == nullptr)
-            return absent;
-        const toml::table *table = node->as_table();
-        if (table == nullptr)
-            fail(*node, std::string(key) + " must be a table");
-        check_keys(*table, known);
-        return *table;
     }
 
     std::string content() const {
@@ -195,18 +179,22 @@ class Reader {
         } catch (const toml::parse_error &error) {
             fail(error.source().begin.line, std::string(error.description()));
         }
-        check_keys(root, {"file_system", "core", "agent"});
+        check_keys(root, [](std::string_view name) {
+            return name == file_system_table.name || named(config_tables, name);
+        });
         Config result = built_in_config();
-        if (const toml::node *node = root.get("file_system"))
+        if (const toml::node *node = root.get(file_system_table.name))
             result.file_systems = file_systems(*node);
-        const toml::table &core = section(root, "core", {"directory"});
-        if (!core.empty())
-            result.core_directory = directory(core);
-        const toml::table &agent =
-            section(root, "agent", {"user", "max_rows", "report_lost_workers"});
-        result.agent_user = text(agent, "user", max_user);
-        result.max_rows = number(agent, "max_rows", 1, max_max_rows, result.max_rows);
-        result.report_lost_workers = flag(agent, "report_lost_workers");
+        for (const Table<Config> &described : config_tables) {
+            const toml::node *node = root.get(described.name);
+            if (node == nullptr)
+                continue;
+            const toml::table *table = node->as_table();
+            if (table == nullptr)
+                fail(*node, std::string(described.name) + " must be a table");
+            if (!table->empty())
+                take(*table, described.keys, result);
+        }
         return result;
     }
 

@@ -25,6 +25,10 @@ struct Config {
     uint32_t max_rows = 10000;  // rows that each writable table holds at most
     // Whether a worker that ends without its status message completes its row as failed.
     bool report_lost_workers = false;
+    bool confine_agent = false;     // whether the agent and its workers confine themselves
+    std::string fs_daemon_user;     // user that fs_daemon runs as; empty means the agent's
+    bool confine_fs_daemon = false; // whether fs_daemon confines itself
+    bool trace_debug = false;       // whether debug messages are recorded from the start
 };
 
 // A configuration that cannot be used; what() names the file, the line and the reason.
