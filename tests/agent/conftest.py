@@ -98,6 +98,15 @@ def fixture_v3_host(idle_host):
     return idle_host
 
 
+@pytest.fixture(name="tool_state", scope="session")
+def fixture_tool_state(tmp_path_factory):
+    """A directory in which the stock tools may keep state, so that they see no other."""
+    directory = tmp_path_factory.mktemp("snmp")
+    # The tools tell when they create it.
+    (directory / "cert_indexes").mkdir()
+    return str(directory)
+
+
 # --- The far ends of copies
 
 

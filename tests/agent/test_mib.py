@@ -8,99 +8,20 @@ import sys
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
+import ber
 import pytest
 
 from base_mibs import base_mibs
+from harness import AGENT_PORT, COMMUNITY, CREATE_AND_WAIT, MiscColumn
+from mib_text import INDEXES, MIB, PLAIN, REPOSITORY, ROOT, SERVED, SOURCE_NUMBER, run
 
-REPOSITORY = Path(__file__).resolve().parents[2]
-MIB = REPOSITORY / "mibs" / "ORVEX-FLASH-MIB.txt"
 CODES = REPOSITORY / "platform" / "apps" / "flash" / "include" / "flash_codes.h"
 FS_RECORDS = REPOSITORY / "platform" / "host" / "fs_daemon" / "records.h"
-
-SOURCE_NUMBER = "32473"
-ROOT = f"1.3.6.1.4.1.{SOURCE_NUMBER}.1.1"
-
-# The objects that the module serves: name without orvexFlash, OID below the root, type, access.
-SERVED = [
-    ("Supported", "1.1.1", "Unsigned32", "ro"),
-    ("DeviceSize", "1.1.2.1.2", "Unsigned32", "ro"),
-    ("DeviceFree", "1.1.2.1.3", "Unsigned32", "ro"),
-    ("DeviceBlockSize", "1.1.2.1.4", "Unsigned32", "ro"),
-    ("DevicePartitions", "1.1.2.1.5", "Unsigned32", "ro"),
-    ("DevicePresent", "1.1.2.1.6", "INTEGER", "ro"),
-    ("DeviceName", "1.1.2.1.7", "OCTET STRING", "ro"),
-    ("DeviceDescr", "1.1.2.1.8", "OCTET STRING", "ro"),
-    ("DeviceReserved9", "1.1.2.1.9", "OCTET STRING", "ro"),
-    ("DeviceReserved10", "1.1.2.1.10", "OBJECT IDENTIFIER", "ro"),
-    ("DeviceReserved11", "1.1.2.1.11", "INTEGER", "ro"),
-    ("DeviceReserved12", "1.1.2.1.12", "TimeTicks", "ro"),
-    ("DeviceReserved13", "1.1.2.1.13", "INTEGER", "ro"),
-    ("DeviceCapacity", "1.1.2.1.16", "Counter64", "ro"),
-    ("PartitionState", "1.1.4.1.1.2", "INTEGER", "ro"),
-    ("PartitionFsType", "1.1.4.1.1.3", "INTEGER", "ro"),
-    ("PartitionSize", "1.1.4.1.1.4", "Unsigned32", "ro"),
-    ("PartitionFree", "1.1.4.1.1.5", "Unsigned32", "ro"),
-    ("PartitionBlockSize", "1.1.4.1.1.6", "Unsigned32", "ro"),
-    ("PartitionFiles", "1.1.4.1.1.7", "INTEGER", "ro"),
-    ("PartitionMaxNameLength", "1.1.4.1.1.8", "INTEGER", "ro"),
-    ("PartitionPercentUsed", "1.1.4.1.1.9", "INTEGER", "ro"),
-    ("PartitionName", "1.1.4.1.1.10", "OCTET STRING", "ro"),
-    ("PartitionFormatRequired", "1.1.4.1.1.11", "INTEGER", "ro"),
-    ("PartitionWriteAccess", "1.1.4.1.1.12", "INTEGER", "ro"),
-    ("PartitionCapacity", "1.1.4.1.1.13", "Counter64", "ro"),
-    ("PartitionFreeCapacity", "1.1.4.1.1.14", "Counter64", "ro"),
-    ("FileSize", "1.1.4.2.1.1.2", "Unsigned32", "ro"),
-    ("FileName", "1.1.4.2.1.1.3", "OCTET STRING", "ro"),
-    ("FileStatus", "1.1.4.2.1.1.4", "INTEGER", "ro"),
-    ("FilePath", "1.1.4.2.1.1.5", "OCTET STRING", "ro"),
-    ("FileType", "1.1.4.2.1.1.6", "INTEGER", "ro"),
-    ("FileModified", "1.1.4.2.1.1.7", "OCTET STRING", "ro"),
-    ("CopyCommand", "1.2.1.1.2", "INTEGER", "rw"),
-    ("CopyProtocol", "1.2.1.1.3", "INTEGER", "rw"),
-    ("CopyServerAddress", "1.2.1.1.4", "IpAddress", "rw"),
-    ("CopySourceName", "1.2.1.1.5", "OCTET STRING", "rw"),
-    ("CopyDestinationName", "1.2.1.1.6", "OCTET STRING", "rw"),
-    ("CopyRemoteUserName", "1.2.1.1.7", "OCTET STRING", "rw"),
-    ("CopyStatus", "1.2.1.1.8", "INTEGER", "ro"),
-    ("CopyNotifyOnCompletion", "1.2.1.1.9", "INTEGER", "rw"),
-    ("CopyTime", "1.2.1.1.10", "TimeTicks", "ro"),
-    ("CopyEntryStatus", "1.2.1.1.11", "INTEGER", "rw"),
-    ("CopyPassword", "1.2.1.1.12", "OCTET STRING", "rw"),
-    ("MiscOpCommand", "1.2.3.1.2", "INTEGER", "rw"),
-    ("MiscOpDestinationName", "1.2.3.1.3", "OCTET STRING", "rw"),
-    ("MiscOpStatus", "1.2.3.1.4", "INTEGER", "ro"),
-    ("MiscOpNotifyOnCompletion", "1.2.3.1.5", "INTEGER", "rw"),
-    ("MiscOpTime", "1.2.3.1.6", "TimeTicks", "ro"),
-    ("MiscOpEntryStatus", "1.2.3.1.7", "INTEGER", "rw"),
-]
-
-INDEXES = [
-    ("DeviceIndex", "1.1.2.1.1"),
-    ("PartitionIndex", "1.1.4.1.1.1"),
-    ("FileIndex", "1.1.4.2.1.1.1"),
-    ("CopyIndex", "1.2.1.1.1"),
-    ("MiscOpIndex", "1.2.3.1.1"),
-]
 
 MAX_ACCESS = {"ro": "read-only", "rw": "read-create"}
 
 # How the stock tools name a type. Integer32 and INTEGER are one type.
 TOOL_TYPES = {"Integer32": "INTEGER", "Gauge32": "Unsigned32"}
-
-
-def run(command, **environment):
-    """Output of a tool, both streams; it must not fail."""
-    result = subprocess.run(
-        command,
-        env={**os.environ, **environment},
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-        timeout=60,
-        check=False,
-    )
-    assert result.returncode == 0, f"{command}: {result.stdout}"
-    return result.stdout
 
 
 def lint(mib, *options):
@@ -111,15 +32,6 @@ def lint(mib, *options):
     """
     command = ["smilint", "-c", os.devnull, "-l", "9", "-s", "-m", *options, str(mib)]
     return run(command, SMIPATH=str(base_mibs())).splitlines()
-
-
-@pytest.fixture(name="tool_state", scope="session")
-def fixture_tool_state(tmp_path_factory):
-    """A directory in which the stock tools may keep state, so that they see no other."""
-    directory = tmp_path_factory.mktemp("snmp")
-    # The tools tell when they create it.
-    (directory / "cert_indexes").mkdir()
-    return str(directory)
 
 
 @pytest.fixture(name="translate", scope="session")
@@ -450,6 +362,43 @@ def test_reserved_columns_have_a_group_of_their_own(dump):
     assert members["orvexFlashReservedGroup"] == reserved
 
 
+# --- The plain form, which imports nothing, against the full one with its base modules
+
+
+def test_plain_form_describes_every_node_as_the_full_form_does(translate, tool_state):
+    nodes = re.findall(r'^"(orvex\w*)"\s', translate("-Tz"), re.M)
+    assert {f"orvexFlash{name}" for name, *_ in SERVED + INDEXES} < set(nodes)
+    for style in ("-On", "-OS", "-Of"):
+        arguments = ["-Td", style, *(f"ORVEX-FLASH-MIB::{node}" for node in nodes)]
+        plain = run(
+            ["snmptranslate", "-m", str(PLAIN), *arguments],
+            SNMPCONFPATH=tool_state,
+            SNMP_PERSISTENT_DIR=tool_state,
+            MIBDIRS="",
+        )
+        assert plain.count("\n::= {") == len(nodes)
+        assert plain == translate(*arguments)
+
+
+def test_plain_form_shows_what_the_agent_answers_as_the_full_form_does(host):
+    def shown(table, options, mib, directories):
+        command = ["snmpwalk", "-v2c", "-c", COMMUNITY, *options, "-m", str(mib)]
+        command += [f"{host.address}:{AGENT_PORT}", f"orvexFlash{table}Table"]
+        return run(command, **{**host.environment, "MIBDIRS": str(directories)})
+
+    host.flash().joinpath("image.bin").write_text("text", encoding="ascii")
+    host.create_copy(7, source="image.bin", destination="bootflash:image.bin")
+    host.set((f"{MiscColumn.ROW}.8", ber.integer(CREATE_AND_WAIT)))
+    for options in ([], ["-OX"], ["-Of"], ["-Oe"], ["-OT"]):
+        for table, lines in (("File", 6), ("Copy", 11), ("MiscOp", 6)):
+            plain = shown(table, options, PLAIN, "")
+            assert len(plain.splitlines()) == lines
+            assert plain == shown(table, options, MIB, base_mibs())
+
+
+# --- The build's copy of the text
+
+
 def configure(directory, number):
     """Configures the MIB of a build with another enterprise number; the result of cmake."""
     (directory / "CMakeLists.txt").write_text(
@@ -481,6 +430,28 @@ def test_build_puts_its_enterprise_number_into_the_installed_mib(source, transla
     assert translate("-On", name, mib=installed) == ".1.3.6.1.4.1.2147483647.1.1.1.2.1.1.8\n"
     assert SOURCE_NUMBER not in installed.read_text(encoding="ascii")
     assert lint(installed) == []
+
+
+def test_build_puts_its_enterprise_number_into_the_installed_plain_form(source, tool_state):
+    configured = configure(source, "4242")
+    assert configured.returncode == 0, configured.stderr
+    run(["cmake", "--install", str(source / "build")])
+    installed = source / "installed" / "share" / "orvex-flash-mib" / "mibs" / MIB.name
+    command = ["snmptranslate", "-On", "-m", str(installed), "ORVEX-FLASH-MIB::orvexFlashCopyStatus"]
+    printed = run(command, SNMPCONFPATH=tool_state, SNMP_PERSISTENT_DIR=tool_state, MIBDIRS="")
+    assert printed == ".1.3.6.1.4.1.4242.1.1.1.2.1.1.8\n"
+    assert SOURCE_NUMBER not in installed.read_text(encoding="ascii")
+
+
+def test_build_refuses_an_import_that_the_plain_form_has_no_definition_for(source):
+    copy = source / "mibs" / MIB.name
+    text = copy.read_text(encoding="ascii")
+    assert "DateAndTime, DisplayString" in text
+    changed = text.replace("DateAndTime, DisplayString", "DateAndTime, TimeStamp, DisplayString", 1)
+    copy.write_text(changed, encoding="ascii")
+    configured = configure(source, SOURCE_NUMBER)
+    assert configured.returncode != 0
+    assert "ORVEX-FLASH-MIB imports TimeStamp" in re.sub(r"\s+", " ", configured.stderr)
 
 
 def test_build_with_the_default_number_installs_the_mib_unchanged(source):
