@@ -21,8 +21,8 @@ fail() {
 "$prefix/$sbin/fs_daemon" --version
 "$prefix/$bin/ruma-trace" --help >/dev/null
 own=$(readlink -f "$prefix/$lib/libruma_host.so")
-for file in "$sbin/fs_daemon" "$bin/ruma-trace" "$lib/ruma/ruma_agent.so" \
-    "$lib/ruma/orvex_flash_mib.so"; do
+for file in "$sbin/fs_daemon" "$bin/ruma-trace" "$lib/ruma_agent.so" \
+    "$lib/orvex_flash_mib.so"; do
     libraries=$(ldd "$prefix/$file")
     case $libraries in
     *"not found"*) fail "$file lacks libraries: $libraries" ;;
