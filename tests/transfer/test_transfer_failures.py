@@ -157,7 +157,20 @@ def test_a_changed_host_key_is_refused(client, protocol, own_server, source):
 def test_without_a_place_for_host_keys_nothing_is_transferred(client, protocol, server, source):
     client.known_hosts.mkdir()
     assert client.put(protocol, server, source, "never") == FAILED
+    assert client.errors.decode().endswith(
+        f"host keys cannot be recorded in {client.state_directory}\n"
+    )
     assert not (server.home / "never").exists()
+
+
+@pytest.mark.parametrize("protocol", ["scp", "sftp"])
+def test_without_a_state_directory_host_keys_are_kept_in_the_run_directory(
+    client, protocol, server, source
+):
+    client.state_directory.rmdir()
+    assert client.put(protocol, server, source, "copy") == DONE
+    assert (client.run_directory / "known_hosts").read_text().startswith(server.address)
+    assert not client.state_directory.exists()
 
 
 def test_a_server_that_stops_in_the_middle_fails(client, standstill):

@@ -71,5 +71,6 @@ def test_no_file_holds_the_password_afterwards(client, protocol, server):
     server.store("source", b"content")
     assert client.get(protocol, server, "source", client.files / "copy") == DONE
     password = server.account.password.encode()
-    for path in client.run_directory.iterdir():
-        assert password not in path.read_bytes()
+    for directory in (client.run_directory, client.state_directory):
+        for path in directory.iterdir():
+            assert password not in path.read_bytes()

@@ -46,14 +46,16 @@ PROGRAMS = {
 
 
 class Client:
-    """The device's end: runs scripts with a run directory and a directory for files of its own."""
+    """The device's end: runs scripts with directories of its own for sockets, state and files."""
 
     def __init__(self, directory):
         self.run_directory = directory / "run %d of ours"
         self.files = directory / "flash"
         self.run_directory.mkdir()
+        self.state_directory = directory / "state %d of ours"
+        self.state_directory.mkdir()
         self.files.mkdir()
-        self.known_hosts = self.run_directory / "known_hosts"
+        self.known_hosts = self.state_directory / "known_hosts"
 
     def arguments(self, protocol, server, verb, source, destination, password=None, limit=60,
                   address=None):
@@ -67,7 +69,11 @@ class Client:
     def start(self, arguments, environment=(), **options):
         return subprocess.Popen(
             arguments,
-            env={"PATH": os.environ["PATH"], "RUMA_RUN_DIR": str(self.run_directory)}
+            env={
+                "PATH": os.environ["PATH"],
+                "RUMA_RUN_DIR": str(self.run_directory),
+                "RUMA_STATE_DIR": str(self.state_directory),
+            }
             | dict(environment),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,

@@ -25,18 +25,24 @@ proc ssh_quoted {text} {
     return "\"[string map {\\ \\\\ \" \\\"} $text]\""
 }
 
-# Names the file of the known host keys. A key that could not be recorded would never be found
-# changed, so the file must be writable.
+# Names the file of the known host keys: in the state directory, which survives a boot, or where none
+# is installed in the run directory. A key that could not be recorded would never be found changed, so
+# the file must be writable.
 proc prepare_known_hosts {} {
-    global env knownHosts
-    set directory /run/ruma
-    if {[info exists env(RUMA_RUN_DIR)] && $env(RUMA_RUN_DIR) ne ""} {
-        set directory $env(RUMA_RUN_DIR)
+    global knownHosts
+    set directory [platform_directory RUMA_STATE_DIR /var/lib/ruma/state]
+    if {![file exists $directory]} {
+        set directory [platform_directory RUMA_RUN_DIR /run/ruma]
     }
     set knownHosts $directory/known_hosts
     if {[catch {close [open $knownHosts {WRONLY CREAT APPEND} 0600]}]} {
-        give_up failed "host keys cannot be recorded in the run directory"
+        give_up failed "host keys cannot be recorded in $directory"
     }
+}
+
+proc platform_directory {variable default} {
+    global env
+    return [expr {[info exists env($variable)] && $env($variable) ne "" ? $env($variable) : $default}]
 }
 
 # Runs scp or sftp. Returns what `ssh_cause` makes of a failure; nothing after a success. What the
