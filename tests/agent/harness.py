@@ -235,10 +235,11 @@ class Host:
         # Short, because Unix sockets lie below it.
         self.directory = Path(tempfile.mkdtemp(prefix="orvex-"))
         self.run_dir = self.directory / "run"
+        self.state_dir = self.directory / "state"
         self.work_dir = self.directory / "work"
         self.server_dir = self.directory / "server"
         # Whatever the umask, nobody but the owner may write them.
-        for directory in (self.run_dir, self.work_dir, self.server_dir):
+        for directory in (self.run_dir, self.state_dir, self.work_dir, self.server_dir):
             directory.mkdir(0o755)
         for scheme in SCHEMES:
             self.flash(scheme).mkdir(0o755)
@@ -299,6 +300,15 @@ class Host:
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
 
     @property
+    def message_socket(self) -> Path:
+        """Where the workers' status messages arrive."""
+        return self.run_dir / "pmb-fe000000-28.sock"
+
+    @property
+    def daemon_socket(self) -> Path:
+        return self.run_dir / "fsd" / "fs_daemon.sock"
+
+    @property
     def configuration(self) -> Path:
         return self.directory / "platform.toml"
 
@@ -318,6 +328,7 @@ class Host:
             "LD_LIBRARY_PATH": str(LIBRARIES),
             "RUMA_CONFIG": str(self.configuration),
             "RUMA_RUN_DIR": str(self.run_dir),
+            "RUMA_STATE_DIR": str(self.state_dir),
             "SNMP_PERSISTENT_DIR": str(self.directory / "persistent"),
             "SNMPCONFPATH": str(self.directory),
             "MIBS": "",
@@ -375,7 +386,7 @@ class Host:
     def _daemon_listens(self) -> bool:
         assert self.daemon.running(), f"the daemon has ended\n{self.logs()}"
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as probe:
-            return probe.connect_ex(str(self.run_dir / "fs_daemon.sock")) == 0
+            return probe.connect_ex(str(self.daemon_socket)) == 0
 
     def reload_agent(self) -> None:
         """SIGHUP, and waits until it has been dealt with."""

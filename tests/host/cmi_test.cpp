@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -39,9 +40,15 @@ class RunDirectory : public testing::Environment {
         ASSERT_NE(mkdtemp(name), nullptr);
         path = name;
         setenv("RUMA_RUN_DIR", name, 1);
-        setenv("RUMA_CONFIG", (path + "/absent.toml").c_str(), 1);
+        std::filesystem::create_directory(daemon());
+        const std::string config = path + "/platform.toml";
+        std::ofstream(config) << "[agent]\nuser = \"sys\"\n[fs_daemon]\nuser = \"daemon\"\n";
+        setenv("RUMA_CONFIG", config.c_str(), 1);
     }
     void TearDown() override { std::filesystem::remove_all(path); }
+
+    static std::string daemon() { return path + "/fsd"; }
+    static std::string socket() { return daemon() + "/" + ruma::fs_daemon_socket; }
 
     static inline std::string path;
 };
@@ -79,7 +86,7 @@ std::vector<std::string> silent(const Seen &) { return {}; }
 class FakeDaemon {
   public:
     explicit FakeDaemon(Script script) : script_(std::move(script)) {
-        const std::string path = RunDirectory::path + "/" + ruma::fs_daemon_socket;
+        const std::string path = RunDirectory::socket();
         unlink(path.c_str());
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -595,28 +602,36 @@ TEST(Cmi, ACallThatCannotBeMadeIsRefused) {
     EXPECT_TRUE(daemon.seen().empty());
 }
 
-TEST(Cmi, AServerOfAnotherUserIsNotAsked) {
-    ASSERT_EQ(geteuid(), 0U) << "only root can play two users";
-    FakeDaemon daemon(good);
-    // In a process of its own: a user who is not root, asking a daemon that is a third user's.
-    const std::string path = RunDirectory::path + "/" + ruma::fs_daemon_socket;
+// Whether a client of the user 11, in a process of its own, asks a daemon of that user.
+bool asks_daemon_of(uid_t user) {
+    const std::string path = RunDirectory::socket();
     const pid_t child = fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
-        if (chmod(RunDirectory::path.c_str(), 0777) != 0 || setresuid(10, 10, 0) != 0) {
+        chmod(RunDirectory::path.c_str(), 0755);
+        if (chmod(RunDirectory::daemon().c_str(), 0777) != 0 || setresuid(user, user, 0) != 0) {
             _exit(2);
         }
         unlink(path.c_str());
-        FakeDaemon *const foreign = new FakeDaemon(good);
+        FakeDaemon *const daemon = new FakeDaemon(good);
         if (chmod(path.c_str(), 0777) != 0 || seteuid(0) != 0 || setresuid(11, 11, 0) != 0) {
             _exit(3);
         }
-        const bool refused = ask().result != 0;
-        _exit(refused && foreign->seen().empty() ? 0 : 1);
+        const bool answered = ask().result == 0;
+        _exit(answered && !daemon->seen().empty() ? 0 : daemon->seen().empty() ? 1 : 4);
     }
     int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << status;
+    return status == 0;
+}
+
+TEST(Cmi, OnlyADaemonOfRootTheClientOrTheConfiguredUserIsAsked) {
+    ASSERT_EQ(geteuid(), 0U) << "only root can play two users";
+    EXPECT_TRUE(asks_daemon_of(0));
+    EXPECT_TRUE(asks_daemon_of(11));
+    EXPECT_TRUE(asks_daemon_of(*ruma::user_number("daemon")));
+    EXPECT_FALSE(asks_daemon_of(*ruma::user_number("sys"))) << "the agent's user is another";
+    EXPECT_FALSE(asks_daemon_of(10));
 }
 
 TEST(Peer, RootOneselfAndTheConfiguredUserAreTrustedAndNobodyElse) {

@@ -367,6 +367,30 @@ TEST_F(ConfigProcessTest, RunDirectoryIsTheSystemsByDefault) {
         testing::ExitedWithCode(0), "^$");
 }
 
+TEST_F(ConfigProcessTest, StateDirectoryIsTheSystemsByDefaultAndTheEnvironmentNamesAnother) {
+    EXPECT_EXIT(
+        {
+            ::unsetenv("RUMA_STATE_DIR");
+            std::exit(ruma::state_dir() == "/var/lib/ruma/state" ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT(
+        {
+            ::setenv("RUMA_STATE_DIR", (directory / "state").c_str(), 1);
+            std::exit(ruma::state_dir() == directory / "state" ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "^$");
+}
+
+TEST_F(ConfigProcessTest, TheDaemonHasADirectoryOfItsOwnInTheRunDirectory) {
+    EXPECT_EXIT(
+        {
+            ::setenv("RUMA_RUN_DIR", "/somewhere", 1);
+            std::exit(ruma::fs_daemon_dir() == "/somewhere/fsd" ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "^$");
+}
+
 TEST_F(ConfigProcessTest, EnvironmentNamesTheRunDirectoryOnceAndItIsNotCreated) {
     EXPECT_EXIT(
         {

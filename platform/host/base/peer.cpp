@@ -35,7 +35,7 @@ std::optional<uid_t> user_number(const std::string &name) {
     return entry.pw_uid;
 }
 
-std::optional<uid_t> agent_user_number(const std::string &name) {
+std::optional<uid_t> configured_user_number(const std::string &name) {
     if (name.empty()) {
         return std::nullopt;
     }

@@ -15,9 +15,9 @@ std::optional<uid_t> peer_user(int socket);
 // system's user directory.
 std::optional<uid_t> user_number(const std::string &name);
 
-// The number of the configured agent user; nothing when the name is empty, which configures none.
-// Throws std::runtime_error when there is no such user. May block as user_number.
-std::optional<uid_t> agent_user_number(const std::string &name);
+// The number of a configured user; nothing when the name is empty, which configures none. Throws
+// std::runtime_error when there is no such user. May block as user_number.
+std::optional<uid_t> configured_user_number(const std::string &name);
 
 // Whether `user` may talk to this process: root, this process's own user, or `configured`.
 bool is_trusted(uid_t user, std::optional<uid_t> configured);

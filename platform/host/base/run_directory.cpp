@@ -31,7 +31,7 @@ bool make(const std::string &path) {
 
 } // namespace
 
-void prepare_run_dir(const std::string &path, std::optional<uid_t> agent_user) {
+void prepare_run_dir(const std::string &path, std::optional<uid_t> user) {
     // A slash at the end would follow a link.
     const std::string name = path.substr(0, path.find_last_not_of('/') + 1);
     const bool made = make(name);
@@ -44,13 +44,13 @@ void prepare_run_dir(const std::string &path, std::optional<uid_t> agent_user) {
         throw std::runtime_error(name + " is a symbolic link");
     if (!S_ISDIR(status.st_mode))
         throw std::runtime_error(name + " is not a directory");
-    if (!is_trusted(status.st_uid, agent_user))
+    if (!is_trusted(status.st_uid, user))
         throw std::runtime_error(name + " belongs to another user");
     // With an access list the group's bits are its mask: they tell of further users too.
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         throw std::runtime_error(name + " can be written by others than its owner");
-    if (made && agent_user && geteuid() == 0 &&
-        fchownat(directory.get(), "", *agent_user, static_cast<gid_t>(-1), AT_EMPTY_PATH) != 0)
+    if (made && user && geteuid() == 0 &&
+        fchownat(directory.get(), "", *user, static_cast<gid_t>(-1), AT_EMPTY_PATH) != 0)
         fail(name);
 }
 

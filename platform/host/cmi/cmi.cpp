@@ -97,6 +97,15 @@ class Connection {
     bool outstanding_ = false;
 };
 
+// Whether a daemon of this user is believed: root, this process's own user, the one configured.
+bool may_serve(uid_t user) {
+    const ruma::Config &config = ruma::config();
+    const std::string &daemon =
+        config.fs_daemon_user.empty() ? config.agent_user : config.fs_daemon_user;
+    return ruma::is_trusted(user, std::nullopt) ||
+           (!daemon.empty() && user == ruma::user_number(daemon));
+}
+
 void Connection::close() {
     ::close(fd_);
     fd_ = -1;
@@ -106,7 +115,7 @@ void Connection::close() {
 bool Connection::open() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = ruma::run_dir() + "/" + ruma::fs_daemon_socket;
+    const std::string path = ruma::fs_daemon_dir() + "/" + ruma::fs_daemon_socket;
     if (path.size() >= sizeof address.sun_path) {
         return false;
     }
@@ -124,9 +133,7 @@ bool Connection::open() {
         return false;
     }
     const std::optional<uid_t> server = ruma::peer_user(fd_);
-    const std::string &agent_user = ruma::config().agent_user;
-    if (!server || (!ruma::is_trusted(*server, std::nullopt) &&
-                    (agent_user.empty() || server != ruma::user_number(agent_user)))) {
+    if (!server || !may_serve(*server)) {
         close();
         return false;
     }

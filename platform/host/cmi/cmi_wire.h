@@ -11,7 +11,7 @@ namespace ruma {
 constexpr uint32_t cmi_request_magic = 0x434d4951;
 constexpr uint32_t cmi_response_magic = 0x434d4952;
 
-// Name of the file-system daemon's socket in the run directory.
+// Name of the file-system daemon's socket in its directory.
 constexpr const char *fs_daemon_socket = "fs_daemon.sock";
 
 // Results that a daemon puts into its response.

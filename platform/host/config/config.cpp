@@ -20,6 +20,7 @@ namespace {
 
 constexpr const char *default_config_path = "/etc/ruma/platform.toml";
 constexpr const char *default_run_dir = "/run/ruma";
+constexpr const char *default_state_dir = "/var/lib/ruma/state";
 constexpr const char *missing = " is missing or empty";
 
 // Whether one of `described`, keys or tables, has that name.
@@ -247,5 +248,13 @@ const std::string &run_dir() {
         *new std::string(environment("RUMA_RUN_DIR", default_run_dir));
     return instance;
 }
+
+const std::string &state_dir() {
+    static const std::string &instance =
+        *new std::string(environment("RUMA_STATE_DIR", default_state_dir));
+    return instance;
+}
+
+std::string fs_daemon_dir() { return run_dir() + "/fsd"; }
 
 } // namespace ruma

@@ -50,9 +50,16 @@ std::string config_path();
 // the process: one that must not end makes the first call when it starts.
 const Config &config();
 
-// The directory of the platform's sockets, event history and error log: RUMA_RUN_DIR, or /run/ruma.
-// Read at the first call, not created: see prepare_run_dir.
+// The directory of the agent's message socket, event history and error log: RUMA_RUN_DIR, or
+// /run/ruma. Read at the first call, not created: see prepare_run_dir.
 const std::string &run_dir();
+
+// The directory of what survives a boot, the known host keys: RUMA_STATE_DIR, or
+// /var/lib/ruma/state. Read at the first call; whoever installs the platform makes it.
+const std::string &state_dir();
+
+// The directory of the file-system daemon's socket and lock, in the run directory.
+std::string fs_daemon_dir();
 
 } // namespace ruma
 

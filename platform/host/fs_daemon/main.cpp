@@ -7,8 +7,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <sysexits.h>
 
 namespace {
+
+// Asks whoever supervises the daemon to start it again, with the configuration as it is now.
+constexpr int restart_status = EX_TEMPFAIL;
 
 // Like ruma::config(), but a file that cannot be used, or that was named and is missing, is an
 // error.
@@ -23,11 +27,11 @@ ruma::Config read_config() {
 
 int serve(const ruma::WatchLimits &limits) {
     const ruma::Config config = read_config();
-    const std::optional<uid_t> agent_user = ruma::agent_user_number(config.agent_user);
+    const ruma::Server::Users users{ruma::configured_user_number(config.agent_user),
+                                    ruma::configured_user_number(config.fs_daemon_user)};
     ruma::Inventory inventory(config.file_systems, limits);
-    ruma::Server server(inventory, ruma::run_dir(), agent_user);
-    server.run();
-    return EXIT_SUCCESS;
+    ruma::Server server(inventory, users, [] { read_config(); });
+    return server.run() == ruma::Server::End::restart ? restart_status : EXIT_SUCCESS;
 }
 
 int run(int argc, char **argv) {
@@ -40,7 +44,8 @@ int run(int argc, char **argv) {
     app.add_option("--config", config_path,
                    "Configuration file; default $RUMA_CONFIG or /etc/ruma/platform.toml");
     app.add_option("--run-dir", run_dir,
-                   "Directory of the daemon's socket; default $RUMA_RUN_DIR or /run/ruma");
+                   "Directory of the agent's and, in fsd, the daemon's files; default "
+                   "$RUMA_RUN_DIR or /run/ruma");
     app.add_flag("--foreground", foreground, "Stay in the foreground: always the case");
     app.add_option("--max-watches", limits.max_watches,
                    "Directories to watch of each file system; changes in others are found by "

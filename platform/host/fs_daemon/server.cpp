@@ -3,6 +3,7 @@
 #include "base/peer.h"
 #include "base/run_directory.h"
 #include "cmi/cmi_wire.h"
+#include "config/config.h"
 #include "flash_codes.h"
 #include "ruma/cmi.h"
 
@@ -20,6 +21,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
+#include <systemd/sd-daemon.h>
+#include <utility>
 
 namespace ruma {
 namespace {
@@ -28,6 +31,8 @@ constexpr std::size_t max_clients = 64;
 constexpr std::chrono::seconds tick_interval{1};
 constexpr std::chrono::milliseconds moves_interval{100};
 constexpr std::chrono::seconds report_interval{60};
+// A first scan may take as long as it needs, as long as it goes on.
+constexpr const char *scan_goes_on = "EXTEND_TIMEOUT_USEC=30000000";
 
 // One kind of request. Key words that a record does not have stay 0.
 struct Request {
@@ -102,9 +107,10 @@ const Request *recognise(const Packet &packet, std::size_t length) {
 
 } // namespace
 
-Server::Server(Inventory &inventory, const std::string &run_dir, std::optional<uid_t> agent_user)
-    : inventory_(inventory), run_dir_(run_dir), socket_path_(run_dir + "/" + fs_daemon_socket),
-      agent_user_(agent_user) {
+Server::Server(Inventory &inventory, const Users &users, std::function<void()> check_configuration)
+    : inventory_(inventory), directory_(fs_daemon_dir()),
+      socket_path_(directory_ + "/" + fs_daemon_socket), users_(users),
+      check_configuration_(std::move(check_configuration)) {
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
@@ -124,7 +130,7 @@ Server::Server(Inventory &inventory, const std::string &run_dir, std::optional<u
 }
 
 Server::~Server() {
-    if (listener_) {
+    if (listener_ && in_place()) {
         unlink(socket_path_.c_str());
     }
 }
@@ -139,8 +145,9 @@ void Server::add(int fd) {
 }
 
 void Server::lock() {
-    prepare_run_dir(run_dir_, agent_user_);
-    const std::string path = run_dir_ + "/fs_daemon.lock";
+    prepare_run_dir(run_dir(), users_.agent);
+    prepare_run_dir(directory_, users_.daemon);
+    const std::string path = directory_ + "/fs_daemon.lock";
     lock_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock_) {
         fail(path);
@@ -149,7 +156,7 @@ void Server::lock() {
         if (errno != EWOULDBLOCK) {
             fail(path);
         }
-        throw std::runtime_error("another daemon serves " + run_dir_);
+        throw std::runtime_error("another daemon serves " + directory_);
     }
 }
 
@@ -178,6 +185,9 @@ void Server::listen() {
     if (bound != 0) {
         fail(socket_path_);
     }
+    if (lstat(socket_path_.c_str(), &socket_file_) != 0) {
+        fail(socket_path_);
+    }
     listener_ = std::move(fd);
     if (::listen(listener_.get(), static_cast<int>(max_clients)) != 0) {
         fail(socket_path_);
@@ -185,18 +195,66 @@ void Server::listen() {
     add(listener_.get());
 }
 
-void Server::run() {
+// Whether the name of the socket still means this daemon's.
+bool Server::in_place() const {
+    struct stat status {};
+    return lstat(socket_path_.c_str(), &status) == 0 && status.st_dev == socket_file_.st_dev &&
+           status.st_ino == socket_file_.st_ino;
+}
+
+// Makes the socket again when somebody has taken it or its directory away; until that is possible
+// the clients that are connected are served.
+void Server::look_after_socket() {
+    if (in_place()) {
+        return;
+    }
+    try {
+        lock_ = {};
+        lock();
+        listen();
+        fprintf(stderr, "fs_daemon: %s had gone and has been made again\n", socket_path_.c_str());
+        socket_lost_ = false;
+    } catch (const std::runtime_error &error) {
+        if (!socket_lost_) {
+            fprintf(stderr, "fs_daemon: %s has gone: %s\n", socket_path_.c_str(), error.what());
+        }
+        socket_lost_ = true;
+    }
+}
+
+Server::End Server::run() {
+    sd_notify(0, "STATUS=Scanning the file systems");
     inventory_.tick();
     bool busy = true;
-    while (!ended_) {
+    while (!end_) {
         busy = turn(busy);
         // Whoever finds the socket finds the whole inventory.
         if (!listener_ && !busy) {
             listen();
+            sd_notify(0, "READY=1\nSTATUS=Serving the inventory");
         }
     }
+    sd_notify(0, "STOPPING=1");
     next_report_ = {};
     report();
+    return *end_;
+}
+
+void Server::take_signal() {
+    signalfd_siginfo signal{};
+    if (read(signals_.get(), &signal, sizeof signal) != sizeof signal) {
+        return;
+    }
+    if (signal.ssi_signo != SIGHUP) {
+        end_ = End::stop;
+        return;
+    }
+    try {
+        check_configuration_();
+        end_ = End::restart;
+    } catch (const std::exception &error) {
+        fprintf(stderr, "fs_daemon: not started again: %s\n", error.what());
+    }
 }
 
 // Waits for something to happen and deals with it. Changes of the file systems come before
@@ -221,7 +279,7 @@ bool Server::turn(bool busy) {
     for (int i = 0; i < count; ++i) {
         const int fd = events[i].data.fd;
         if (fd == signals_.get()) {
-            ended_ = true;
+            take_signal();
         } else if (fd == listener_.get()) {
             knocking = true;
         } else if (clients_.contains(fd) && !serve(fd)) {
@@ -244,6 +302,10 @@ void Server::tick() {
         accepting_ = true;
         add(listener_.get());
     }
+    if (listener_) {
+        look_after_socket();
+    }
+    sd_notify(0, listener_ ? "WATCHDOG=1" : scan_goes_on);
     report();
     next_tick_ = Clock::now() + tick_interval;
 }
@@ -265,7 +327,7 @@ void Server::accept_clients() {
             return;
         }
         const std::optional<uid_t> user = peer_user(fd.get());
-        if (!user || !is_trusted(*user, agent_user_)) {
+        if (!user || !is_trusted(*user, users_.agent)) {
             ++refused_;
             continue;
         }
