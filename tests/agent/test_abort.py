@@ -133,7 +133,8 @@ def test_copy_whose_agent_and_server_are_gone_ends_by_itself(host, protocol, ver
 
 def test_status_message_that_nobody_receives_leaves_the_row_in_progress(host, held):
     [worker] = live_children(host.agent.pid)
-    (host.run_dir / "pmb-fe000000-28.sock").unlink()
+    host.message_socket.unlink()
+    host.message_socket.mkdir()
     held.server.release()
     wait_for(lambda: not live_children(host.agent.pid), "the worker ends", timeout=20)
     assert process_state(worker) == ("Z", host.agent.pid)

@@ -52,7 +52,7 @@ ASKING_THE_CHILD = ".1.3.6.1.4.1.32473.99"
 
 
 def send_command(host, status, row, times):
-    command = ["/usr/bin/python3", "-c", SEND_STATUS, host.run_dir / "pmb-fe000000-28.sock"]
+    command = ["/usr/bin/python3", "-c", SEND_STATUS, host.message_socket]
     return [str(word) for word in (*command, status, row, times)]
 
 
@@ -233,7 +233,7 @@ def test_new_agent_copies_after_its_predecessor_was_killed(host):
 def test_stop_leaves_no_process(host):
     host.stop()
     assert not host.strays()
-    assert not (host.run_dir / "fs_daemon.sock").exists()
+    assert not host.daemon_socket.exists()
     host.start()
 
 
@@ -295,6 +295,18 @@ def test_doubled_status_message_is_recorded_and_notified_once(parent_host):
     wait_for(lambda: not parent_host.strays(), "the worker ends")
 
 
+@pytest.mark.parametrize("taken", ["message_socket", "run_dir"])
+def test_copy_is_recorded_after_the_message_socket_was_taken_away(host, taken):
+    server = start_held_copy(host)
+    away = host.directory / "away"
+    getattr(host, taken).rename(away)
+    wait_for(host.message_socket.exists, "the agent makes its socket again")
+    assert "the message socket has gone and is made again" in host.agent_log.read_text()
+    server.release()
+    assert host.finish_copy(7) == SUCCESS
+
+
+
 @pytest.mark.parametrize(
     "packet",
     [
@@ -325,7 +337,7 @@ def test_doubled_status_message_is_recorded_and_notified_once(parent_host):
 def test_malformed_status_message_is_dropped_and_counted(host, packet):
     server = start_held_copy(host)
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-        sender.sendto(packet, str(host.run_dir / "pmb-fe000000-28.sock"))
+        sender.sendto(packet, str(host.message_socket))
     wait_for(lambda: "messages dropped so far" in host.logs(), "the agent logs the drop")
     assert host.copy_status(7) == IN_PROGRESS
     server.release()
@@ -339,7 +351,7 @@ def test_agent_of_another_user_copies_too(idle_host):
     host = idle_host
     host.agent_user = "nobody"
     host.directory.chmod(0o755)
-    for directory in (host.run_dir, host.work_dir, host.flash()):
+    for directory in (host.run_dir, host.state_dir, host.work_dir, host.flash()):
         shutil.chown(directory, "nobody")
     host.start()
     assert os.stat(f"/proc/{host.agent.pid}").st_uid != 0

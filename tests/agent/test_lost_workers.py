@@ -242,7 +242,8 @@ def test_processes_that_ignore_sigterm_are_killed_before_the_row_is_completed(re
 def test_worker_whose_message_nobody_received_is_lost(reporting_host):
     held = HeldCopy(reporting_host, "tftp", "get")
     held.start()
-    (reporting_host.run_dir / "pmb-fe000000-28.sock").unlink()
+    reporting_host.message_socket.unlink()
+    reporting_host.message_socket.mkdir()
     held.server.release()
     assert reporting_host.finish_copy(ROW) == TRANSFER_ERROR
     assert held.destination() == held.content

@@ -179,6 +179,16 @@ TEST_F(Pmb, AReceiverThatWasClosedIsGoneAndMayOpenAgain) {
     EXPECT_TRUE(receiver.receive(message));
 }
 
+TEST_F(Pmb, AReceiverKnowsWhetherItsSocketFileIsStillThere) {
+    EXPECT_TRUE(receiver.in_place());
+    std::filesystem::rename(path, path + ".away");
+    EXPECT_FALSE(receiver.in_place());
+    std::ofstream(path) << "another file";
+    EXPECT_FALSE(receiver.in_place());
+    std::filesystem::rename(path + ".away", path);
+    EXPECT_TRUE(receiver.in_place());
+}
+
 TEST_F(Pmb, DeliversAMessageOfAnotherProcessWithItsSender) {
     const pid_t sender = run_elsewhere(0, [] { return send_text("twelve bytes") == 0; });
     ASSERT_TRUE(receiver.receive(message));

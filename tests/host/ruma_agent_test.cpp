@@ -19,6 +19,7 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,6 +50,7 @@ class RumaAgent : public testing::Test {
     void SetUp() override {
         setenv("RUMA_CONFIG", (directory / "platform.toml").c_str(), 1);
         setenv("RUMA_RUN_DIR", (directory / "state/run").c_str(), 1);
+        setenv("RUMA_STATE_DIR", directory.path().c_str(), 1);
         fs::permissions(directory.path(), fs::perms(0755));
         write_file(directory / "platform.toml", "[agent]\nuser = \"nobody\"\n");
     }
@@ -82,6 +84,17 @@ class RumaAgent : public testing::Test {
             check(Clock::now() < deadline, "an alarm does its work in time");
             run_alarms();
             usleep(10000);
+        }
+    }
+
+    // Whenever they are due.
+    static void run_due_alarms_once() {
+        std::set<unsigned int> seen;
+        for (auto *alarm = sa_find_next(); alarm != nullptr; alarm = sa_find_next()) {
+            if (!seen.insert(alarm->clientreg).second)
+                break;
+            alarm->thecallback(alarm->clientreg, alarm->clientarg);
+            snmp_alarm_unregister(alarm->clientreg);
         }
     }
 
@@ -140,7 +153,9 @@ TEST_F(RumaAgent, ReceivesAsSoonAsTheRunDirectoryCanBeMadeAndSaysItOnce) {
         fs::create_directory(directory / "state");
         run_alarms_until(receives);
         check(logged("receives messages now") == 1, "the log knows that it is over");
-        check(sa_find_next() == nullptr, "the attempts are over");
+        const int ended = attempts;
+        run_due_alarms_once();
+        check(attempts == ended, "the attempts are over");
     });
 }
 
@@ -156,6 +171,51 @@ TEST_F(RumaAgent, ClosesTheReceiverThatTheAgentDoesNotWatchAndTriesAgain) {
         check(!receives(), "no message waits unread");
         unregister_readfd(500);
         run_alarms_until(receives);
+    });
+}
+
+TEST_F(RumaAgent, MakesTheSocketAgainWhenItOrItsDirectoryIsTakenAway) {
+    expect_of_a_process([this] {
+        fs::create_directory(directory / "state");
+        load();
+        const std::string name = ruma::pmb_socket_path(node, sap);
+        fs::remove(name);
+        check(!receives(), "the socket has gone");
+        run_alarms_until(receives);
+        check(logged("the message socket has gone and is made again") == 1, "the log says so");
+        // A whole directory in its place, with a socket of nobody's.
+        fs::rename(ruma::run_dir(), directory / "former");
+        run_alarms_until(receives);
+        check(logged("the message socket has gone and is made again") == 2, "the log says so");
+        check(logged("cannot receive") == 0, "at once");
+        fs::remove_all(directory / "state");
+        run_alarms_until([this] { return logged("cannot receive messages yet") == 1; });
+        fs::create_directory(directory / "state");
+        run_alarms_until(receives);
+        check(logged("receives messages now") == 1, "the log knows that it is over");
+    });
+}
+
+TEST_F(RumaAgent, TakesWhatHasArrivedBeforeItMakesTheSocketAgain) {
+    expect_of_a_process([this] {
+        fs::create_directory(directory / "state");
+        load();
+        check(receives(), "a message waits");
+        fs::remove(ruma::pmb_socket_path(node, sap));
+        run_alarms_until(receives);
+        check(logged("messages dropped so far") == 1, "it has been looked at");
+    });
+}
+
+TEST_F(RumaAgent, SaysThatThereIsNoStateDirectory) {
+    expect_of_a_process([this] {
+        const std::string missing = directory / "none";
+        setenv("RUMA_STATE_DIR", missing.c_str(), 1);
+        fs::create_directory(directory / "state");
+        load();
+        check(logged(missing + ": No such file or directory; known host keys are kept in " +
+                     ruma::run_dir() + ", which a boot may clear") == 1,
+              "the log says so");
     });
 }
 

@@ -21,8 +21,10 @@
 
 #include <net-snmp/library/fd_event_manager.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <pthread.h>
@@ -34,7 +36,7 @@ namespace {
 
 constexpr int max_messages_per_event = 16;
 constexpr unsigned int log_interval = 10;  // seconds
-constexpr unsigned int retry_interval = 2; // seconds
+constexpr unsigned int retry_interval = 2; // seconds; of the look after the socket too
 
 // Never destroyed: the agent's loop may still call while the process ends.
 ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
@@ -204,7 +206,7 @@ void register_access_checks() {
 
 // Throws std::exception with the reason when messages cannot be received.
 void open_receiver() {
-    ruma::prepare_run_dir(ruma::run_dir(), ruma::agent_user_number(ruma::config().agent_user));
+    ruma::prepare_run_dir(ruma::run_dir(), ruma::configured_user_number(ruma::config().agent_user));
     const int error = receiver.open(ruma::copy_status_node, ruma::copy_status_sap);
     if (error != 0)
         throw std::system_error(
@@ -238,6 +240,35 @@ void start_receiving(unsigned int, void *) {
     }
 }
 
+// Makes the message socket again when somebody has taken it or the run directory away.
+void look_after_socket(unsigned int, void *) {
+    try {
+        if (receiver.descriptor() < 0 || receiver.in_place())
+            return;
+        take_turn(); // what has arrived by the old one
+        snmp_log(LOG_WARNING, "ruma_agent: the message socket has gone and is made again\n");
+        unregister_readfd(receiver.descriptor());
+        receiver.close();
+        start_receiving(0, nullptr);
+    } catch (const std::bad_alloc &) {
+        // Looks again.
+    }
+}
+
+void watch_socket() {
+    static bool watching;
+    if (!watching)
+        watching = snmp_alarm_register(retry_interval, SA_REPEAT, look_after_socket, nullptr) != 0;
+}
+
+// Not whether it can be written: the agent may still be root, and its scripts say so themselves.
+void warn_of_state_directory() {
+    if (access(ruma::state_dir().c_str(), F_OK) != 0)
+        snmp_log(LOG_WARNING,
+                 "ruma_agent: %s: %s; known host keys are kept in %s, which a boot may clear\n",
+                 ruma::state_dir().c_str(), strerror(errno), ruma::run_dir().c_str());
+}
+
 } // namespace
 
 extern "C" {
@@ -252,7 +283,9 @@ void init_ruma_agent() {
     // Reads the configuration while the agent still has the rights that it starts with, and makes
     // the run directory before the modules that come later open the event history in it.
     start_receiving(0, nullptr);
+    watch_socket();
     ruma::warn_of_writable_directories();
+    warn_of_state_directory();
 }
 
 void deinit_ruma_agent() {}

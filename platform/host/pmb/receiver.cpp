@@ -86,10 +86,18 @@ int PmbReceiver::open(uint32_t node, uint32_t sap) {
         return errno;
     if (const int error = bind_in_place(opened.get(), path))
         return error;
+    if (lstat(path.c_str(), &file_) != 0)
+        return errno;
     node_ = node;
     sap_ = sap;
     socket_ = std::move(opened);
     return 0;
+}
+
+bool PmbReceiver::in_place() const {
+    struct stat status {};
+    return lstat(pmb_socket_path(node_, sap_).c_str(), &status) == 0 &&
+           status.st_dev == file_.st_dev && status.st_ino == file_.st_ino;
 }
 
 bool PmbReceiver::receive(pmb_message &message) {

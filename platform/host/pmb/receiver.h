@@ -6,6 +6,7 @@
 #include "pmb/message.h"
 
 #include <cstdint>
+#include <sys/stat.h>
 
 namespace ruma {
 
@@ -34,6 +35,10 @@ class PmbReceiver {
     // Stops to receive; open() may start it again. What has arrived is lost, the counters stay.
     void close() { socket_ = {}; }
 
+    // Whether senders still find this receiver: its socket file may have been removed or replaced.
+    // Only while open.
+    bool in_place() const;
+
     // The non-blocking, close-on-exec socket to wait on; -1 while not open.
     int descriptor() const { return socket_.get(); }
 
@@ -51,6 +56,7 @@ class PmbReceiver {
   private:
     uint32_t node_ = 0;
     uint32_t sap_ = 0;
+    struct stat file_ {}; // of the socket
     UniqueFd socket_;
     PmbCounters counters_{};
 };
