@@ -11,11 +11,13 @@
 #include "flash_copy.h"
 #include "flash_records.h"
 #include "flash_rows.h"
+#include "flash_trace.h"
 #include "orvex_flash_mib.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,29 @@
 #include <vector>
 
 namespace fakes {
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::IsSubsetOf;
+using testing::Not;
+using testing::StartsWith;
+
+// The phases of a SET, and the statuses that write methods answer, with the agent's numbers.
+enum Phase { reserve1, reserve2, action, commit, release, undo };
+
+constexpr int no_error = 0;
+constexpr int no_such_name = 2;
+constexpr int general_error = 5;
+constexpr int wrong_type = 7;
+constexpr int wrong_length = 8;
+constexpr int wrong_value = 10;
+constexpr int inconsistent_value = 12;
+
+constexpr uint32_t error_level = flash::traceError;
+constexpr uint32_t debug_level = flash::traceDebug;
 
 // Removes every row of both tables, through the module's own operations.
 inline void empty_tables() {
@@ -80,6 +105,15 @@ class FlashTest : public testing::Test {
         empty_tables();
     }
 };
+
+// The recorded messages that are among the expected ones, in their order.
+inline Traces picked(const Traces &expected) {
+    Traces result;
+    for (const Trace &trace : traces())
+        if (std::find(expected.begin(), expected.end(), trace) != expected.end())
+            result.push_back(trace);
+    return result;
+}
 
 // Puts a text into a field of fixed size, with its terminator when there is room for it.
 template <std::size_t Size>
@@ -183,6 +217,9 @@ struct Answer {
                                 : std::string(reinterpret_cast<const char *>(value), length);
     }
 };
+
+// A write method that a test gives beforehand, to see what becomes of it.
+inline int untouched(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
 
 constexpr size_t untouched_length = 9999;
 

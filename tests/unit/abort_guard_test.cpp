@@ -5,8 +5,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
+using namespace fakes;
 
 // Three copies side by side, started in the order of their rows: worker 4243 for row 3, 4244 for
 // row 5, 4245 for row 7.

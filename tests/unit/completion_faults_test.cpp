@@ -7,9 +7,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
+using namespace fakes;
 
 class CompletionFaults : public fakes::FlashTest {
   protected:

@@ -14,27 +14,7 @@
 
 namespace {
 
-using fakes::AgentLogLine;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr uint32_t error_level = flash::traceError;
-constexpr uint32_t debug_level = flash::traceDebug;
-
-// The recorded messages that are among the expected ones, in their order.
-Traces picked(const Traces &expected) {
-    Traces result;
-    for (const Trace &trace : fakes::traces())
-        if (std::find(expected.begin(), expected.end(), trace) != expected.end())
-            result.push_back(trace);
-    return result;
-}
+using namespace fakes;
 
 // write_to_pipe
 

@@ -33,18 +33,9 @@ int __real_snmp_log(int priority, const char *format, ...);
 
 namespace {
 
+using namespace fakes;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::IsSubsetOf;
-
-constexpr uint32_t debug_level = flash::traceDebug;
 
 flashCopyEntry request(int32_t command, int32_t protocol = flash::protocolTftp) {
     return fakes::copy_row([&](flashCopyEntry &r) {
@@ -59,15 +50,6 @@ flashCopyEntry request(int32_t command, int32_t protocol = flash::protocolTftp) 
         fakes::put(r.sourcePath, "/bootflash/image.bin");
         fakes::put(r.destinationName, "kept.bin");
     });
-}
-
-// The recorded messages that are among the expected ones, in their order.
-Traces picked(const Traces &expected) {
-    Traces result;
-    for (const Trace &trace : fakes::traces())
-        if (std::find(expected.begin(), expected.end(), trace) != expected.end())
-            result.push_back(trace);
-    return result;
 }
 
 using CopyStartTest = fakes::FlashTest;

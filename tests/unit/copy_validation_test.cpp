@@ -11,16 +11,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::HasSubstr;
-using testing::IsEmpty;
-
-constexpr uint32_t error_level = flash::traceError;
-constexpr uint32_t debug_level = flash::traceDebug;
+using namespace fakes;
 
 constexpr int32_t initial = flash::copyStatusInitial;
 constexpr int32_t active = flash::rowActive;

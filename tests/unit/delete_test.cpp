@@ -11,18 +11,8 @@
 
 namespace {
 
+using namespace fakes;
 namespace fs = std::filesystem;
-using fakes::AgentLogLine;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr uint32_t error_level = flash::traceError;
-constexpr uint32_t debug_level = flash::traceDebug;
 
 constexpr int32_t initial = flash::miscOpStatusInitial;
 

@@ -14,12 +14,7 @@ extern "C" int __real_pipe(int *descriptors);
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Traces;
-using testing::ElementsAre;
-using testing::StartsWith;
+using namespace fakes;
 
 const std::string root = "1.3.6.1.4.1." + std::to_string(ORVEX_ENTERPRISE_NUMBER) + ".1.1";
 

@@ -8,25 +8,12 @@
 
 namespace {
 
-using fakes::Answer;
-using fakes::ask;
-using fakes::Bytes;
-using fakes::DaemonAnswer;
-using fakes::get;
-using fakes::getnext;
-using fakes::instance_of;
-using fakes::Lines;
-using fakes::no_answer;
-using fakes::Oid;
-using fakes::platform;
-using fakes::Traces;
+using namespace fakes;
 
 // A column of each table with which the tests of keys and requests are made.
 constexpr int deviceColumn = 5;
 constexpr int partitionColumn = 29;
 constexpr int fileColumn = 43;
-
-int untouched(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
 
 // Writes a value of any kind at an offset of a record.
 template <class Value>

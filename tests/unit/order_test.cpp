@@ -8,13 +8,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using testing::Each;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
+using namespace fakes;
 
 class Order : public fakes::FlashTest {};
 

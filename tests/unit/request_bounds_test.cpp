@@ -8,10 +8,7 @@
 
 namespace {
 
-using fakes::Answer;
-using fakes::instance_of;
-using fakes::Oid;
-using fakes::platform;
+using namespace fakes;
 
 // What stands behind the requested name: arcs that would be taken for an instance.
 constexpr oid behind = 5;

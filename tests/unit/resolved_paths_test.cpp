@@ -7,7 +7,7 @@
 
 namespace {
 
-using fakes::platform;
+using namespace fakes;
 
 const std::string longest(254, 'x');
 

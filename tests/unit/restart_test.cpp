@@ -15,11 +15,7 @@ unsigned int __real_snmp_alarm_register(unsigned int seconds, unsigned int flags
 
 namespace {
 
-using fakes::D;
-using fakes::expect_sequence;
-using fakes::joined;
-using fakes::Lines;
-using fakes::os;
+using namespace fakes;
 
 std::string root() { return fakes::oid_text(orvex_flash_mib_variables_oid, orvexFlashRootLength); }
 

@@ -8,11 +8,7 @@
 
 namespace {
 
-using fakes::os;
-using fakes::platform;
-using testing::IsEmpty;
-
-enum Phase { reserve1, reserve2, action, commit, release, undo };
+using namespace fakes;
 
 constexpr int32_t absent = -100;
 

@@ -8,23 +8,12 @@
 
 namespace {
 
-using fakes::Answer;
-using fakes::ask;
-using fakes::get;
-using fakes::getnext;
-using fakes::instance_of;
-using fakes::Lines;
-using fakes::Oid;
-using fakes::platform;
-using fakes::put;
-using fakes::Traces;
+using namespace fakes;
 
 // A column of each table with which the tests of matching are made.
 constexpr int copyCommand = 50;
 constexpr int miscOpCommand = 74;
 constexpr int firstColumns[] = {copyCommand, miscOpCommand};
-
-int untouched(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
 
 std::string bytes_of(int32_t value) {
     return std::string(reinterpret_cast<const char *>(&value), sizeof value);

@@ -9,14 +9,10 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Traces;
+using namespace fakes;
 using flash::failure;
 using flash::noSuchRow;
 using flash::success;
-using testing::ElementsAre;
 
 // What the two tables have in common, by table.
 struct CopyTable {
@@ -571,8 +567,6 @@ WriteMethod *installed(void (*install)(int32_t, WriteMethod **), int magic, Writ
     install(magic, &method);
     return method;
 }
-
-int untouched(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
 
 void expect_methods(void (*install)(int32_t, WriteMethod **), const std::vector<Method> &writable) {
     for (int magic = 0; magic < 256; ++magic) {

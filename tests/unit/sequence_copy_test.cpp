@@ -9,13 +9,7 @@
 
 namespace {
 
-using fakes::D;
-using fakes::E;
-using fakes::expect_sequence;
-using fakes::joined;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
+using namespace fakes;
 
 std::string text(int64_t number) { return std::to_string(number); }
 

@@ -9,13 +9,8 @@
 
 namespace {
 
+using namespace fakes;
 namespace fs = std::filesystem;
-using fakes::D;
-using fakes::E;
-using fakes::expect_sequence;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
 
 constexpr int32_t get = 1;
 constexpr int32_t put = 2;

@@ -10,13 +10,7 @@
 
 namespace {
 
-using fakes::D;
-using fakes::E;
-using fakes::expect_sequence;
-using fakes::joined;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
+using namespace fakes;
 
 constexpr int32_t active = flash::rowActive;
 constexpr int32_t waiting = flash::rowCreateAndWait;

@@ -7,10 +7,7 @@
 
 namespace {
 
-constexpr int reserve1 = 0;
-constexpr int reserve2 = 1;
-constexpr int action = 2;
-constexpr int release = 4;
+using namespace fakes;
 
 class SetValues : public fakes::FlashTest {};
 

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr int reserve1 = 0;
+using namespace fakes;
 
 class StrictColumns : public fakes::FlashTest {};
 

@@ -9,11 +9,8 @@
 
 namespace {
 
+using namespace fakes;
 namespace fs = std::filesystem;
-using fakes::os;
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr int32_t get_direction = 1;
 constexpr int32_t put_direction = 2;

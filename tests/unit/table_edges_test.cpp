@@ -10,11 +10,7 @@
 
 namespace {
 
-using fakes::D;
-using fakes::E;
-using fakes::expect_sequence;
-using fakes::Lines;
-using fakes::platform;
+using namespace fakes;
 
 constexpr int32_t no_row = 0x40490002;
 constexpr int32_t failed = 0x40490001;

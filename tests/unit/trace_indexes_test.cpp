@@ -10,10 +10,7 @@
 
 namespace {
 
-using fakes::os;
-using fakes::platform;
-
-enum Phase { reserve1, reserve2, action, commit, release, undo };
+using namespace fakes;
 
 // A message that names a row, "#" in the place of its index, and how it comes about.
 struct Message {

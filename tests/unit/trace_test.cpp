@@ -6,8 +6,7 @@
 
 namespace {
 
-using fakes::platform;
-using fakes::Traces;
+using namespace fakes;
 using flash::flash_trace;
 using flash::traceDebug;
 using flash::traceError;

@@ -19,18 +19,9 @@ extern "C" int __real_system(const char *command);
 
 namespace {
 
+using namespace fakes;
 namespace fs = std::filesystem;
-using fakes::AgentLogLine;
-using fakes::Lines;
-using fakes::os;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
-constexpr uint32_t error_level = flash::traceError;
-constexpr uint32_t debug_level = flash::traceDebug;
 constexpr int32_t get_direction = 1;
 constexpr int32_t put_direction = 2;
 constexpr int32_t untouched_status = 1;
@@ -72,15 +63,6 @@ Traces after_beginning(const Traces &more) {
     Traces all = beginning();
     all.insert(all.end(), more.begin(), more.end());
     return all;
-}
-
-// The recorded messages that are among the expected ones, in their order.
-Traces picked(const Traces &expected) {
-    Traces result;
-    for (const Trace &trace : fakes::traces())
-        if (std::find(expected.begin(), expected.end(), trace) != expected.end())
-            result.push_back(trace);
-    return result;
 }
 
 Lines tftp_calls() {

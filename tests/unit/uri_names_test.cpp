@@ -10,15 +10,8 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::platform;
-using fakes::Trace;
-using fakes::Traces;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace fakes;
 
-constexpr uint32_t error_level = flash::traceError;
-constexpr uint32_t debug_level = flash::traceDebug;
 constexpr int32_t destination = 1;
 constexpr int32_t source = 2;
 

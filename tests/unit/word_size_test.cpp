@@ -9,13 +9,7 @@
 
 namespace {
 
-using fakes::Answer;
-using fakes::ask;
-using fakes::Bytes;
-using fakes::get;
-using fakes::getnext;
-using fakes::instance_of;
-using fakes::platform;
+using namespace fakes;
 
 // The device's agent has pointers and arcs of four bytes; then a row of the object table has 40.
 constexpr bool device_width = sizeof(void *) == 4 && sizeof(oid) == 4;
@@ -23,9 +17,6 @@ constexpr bool wide_agent = sizeof(void *) == 8 && sizeof(oid) == 8;
 static_assert(device_width || wide_agent);
 static_assert(!device_width || sizeof(variable7) == 40);
 static_assert(!wide_agent || sizeof(variable7) == 80);
-
-constexpr int reserve1 = 0;
-constexpr int commit = 3;
 
 constexpr uint32_t edges[] = {0x7ffffffe, 0x7fffffff, 0x80000000,
                               0x80000001, 0xfffffffe, 0xffffffff};

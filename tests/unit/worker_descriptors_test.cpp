@@ -5,8 +5,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
+using namespace fakes;
 
 class WorkerDescriptors : public fakes::FlashTest {
   protected:

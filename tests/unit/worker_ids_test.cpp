@@ -3,9 +3,7 @@
 
 namespace {
 
-using fakes::Lines;
-using fakes::os;
-using testing::IsEmpty;
+using namespace fakes;
 
 class WorkerIds : public fakes::FlashTest {
   protected:

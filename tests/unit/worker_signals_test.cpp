@@ -6,7 +6,7 @@
 
 namespace {
 
-using fakes::platform;
+using namespace fakes;
 
 class WorkerSignals : public fakes::FlashTest {
   protected:

@@ -12,24 +12,7 @@
 
 namespace {
 
-using fakes::container_calls;
-using fakes::forget;
-using fakes::Lines;
-using fakes::platform;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
-using testing::Not;
-
-enum Phase { reserve1, reserve2, action, commit, release, undo };
-
-constexpr int no_error = 0;
-constexpr int no_such_name = 2;
-constexpr int general_error = 5;
-constexpr int wrong_type = 7;
-constexpr int wrong_length = 8;
-constexpr int wrong_value = 10;
-constexpr int inconsistent_value = 12;
+using namespace fakes;
 
 constexpr int32_t states_of_creation[] = {flash::rowNotReady, flash::rowCreateAndGo,
                                           flash::rowCreateAndWait};

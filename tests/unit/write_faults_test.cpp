@@ -7,9 +7,7 @@
 
 namespace {
 
-using fakes::platform;
-
-enum Phase { reserve1, reserve2, action, commit, release, undo };
+using namespace fakes;
 
 // What FREE puts back after a SET that could not be written: the value that the SET saved.
 struct Saved {
