@@ -453,6 +453,12 @@ class Host:
         ]
         return "\n".join(texts)
 
+    def said(self) -> str:
+        """Everything that the agent and the daemon have said."""
+        names = ("snmpd.log", "snmpd.out", "fs_daemon.out", "run/snmp-errors.log")
+        paths = [self.directory / name for name in names]
+        return "\n".join(path.read_text(errors="replace") for path in paths if path.exists())
+
     def trace(self) -> list:
         """The lines of the event history."""
         command = [PROGRAMS / "ruma-trace"]

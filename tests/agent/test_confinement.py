@@ -200,6 +200,10 @@ def test_agent_says_nothing_of_directories_that_are_its_own(host):
     assert warnings(host) == []
 
 
+@pytest.mark.provokes(
+    "ruma_agent: …: others than its owner can write …, and so turn copies and deletes to other files; "
+    "it is the first such directory, there may be more"
+)
 def test_agent_warns_of_the_first_directory_that_others_can_write(idle_host):
     host = idle_host
     host.flash().chmod(0o775)
@@ -215,6 +219,9 @@ def test_agent_warns_of_the_first_directory_that_others_can_write(idle_host):
     assert f"slot0: others than its owner can write {path}," in warnings(host)[1]
 
 
+@pytest.mark.provokes(
+    "ruma_agent: …: no more than … entries below … were searched for directories that others can write"
+)
 def test_agent_looks_at_ten_thousand_entries_and_says_that_there_are_more(idle_host):
     host = idle_host
     for number in range(10_001):
@@ -225,6 +232,8 @@ def test_agent_looks_at_ten_thousand_entries_and_says_that_there_are_more(idle_h
     assert expected in warnings(host)[0]
 
 
+@pytest.mark.provokes("ruma_agent: cannot receive messages yet: …")
+@pytest.mark.provokes("ruma_agent: receives messages now")
 def test_agent_receives_no_messages_by_a_run_directory_that_others_can_write(idle_host):
     """Nor does it give up: it looks again."""
     host = idle_host

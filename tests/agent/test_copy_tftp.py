@@ -187,6 +187,8 @@ def test_copy_by_an_snmpv3_user_with_privacy(v3_host):
 # --- Failures
 
 
+@pytest.mark.provokes("ERROR: Getting file:… from tftp server failed Error=…")
+@pytest.mark.provokes("ERROR: Getting file to:… failed")
 def test_missing_file_is_an_invalid_source_name(host):
     host.start_atftpd()
     (host.flash() / "kept").write_bytes(b"kept")
@@ -461,6 +463,7 @@ def test_refused_copy_says_why_and_starts_nothing(shared_host, name):
     assert live_children(shared_host.agent.pid) == []
 
 
+@pytest.mark.provokes("error …: …")
 @pytest.mark.parametrize(
     "columns, code",
     [

@@ -12,11 +12,13 @@ from harness import (
     NOT_IN_SERVICE,
     SUCCESS,
     TRUE,
+    CopyColumn,
     MiscColumn,
     ToolError,
     delete,
     wait_for,
 )
+from messages import provoked
 
 FAILED, INITIAL = 10, 14
 DELETE = 3
@@ -53,6 +55,7 @@ def test_row_can_be_destroyed_afterwards(host):
 
 def test_file_that_does_not_exist_fails_in_the_row_and_the_log(host):
     assert delete(host, 5, b"bootflash:missing") == (ber.NO_ERROR, FAILED)
+    provoked(host.logs(), "ERROR:delete of the file:… failed")
     assert f"ERROR:delete of the file:{host.flash()}/missing failed" in host.logs()
 
 
@@ -263,3 +266,17 @@ def test_refused_value_is_told_on_standard_error(shared_host, column, kind, valu
         lambda: output.read_text(encoding="ascii").splitlines().count(message) == before + 1,
         "the agent has said why",
     )
+
+
+def test_messages_on_standard_error_are_those_of_the_document(host):
+    for column, kind, value, _ in MESSAGES:
+        with pytest.raises(ToolError):
+            host.snmpset(f"{column}.6", kind, value)
+    with pytest.raises(ToolError):
+        host.snmpset(f"{CopyColumn.SERVER}.6", "s", "x")
+    provoked(host.said(), "write to … not ASN_INTEGER")
+    provoked(host.said(), "write to … not ASN_IPADDRESS")
+    provoked(host.said(), "write to … not ASN_OCTET_STR")
+    provoked(host.said(), "write to …: bad length")
+    provoked(host.said(), "write to …: bad value")
+    provoked(host.said(), "write to …: invalid value")

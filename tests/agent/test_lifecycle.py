@@ -296,6 +296,7 @@ def test_doubled_status_message_is_recorded_and_notified_once(parent_host):
 
 
 @pytest.mark.parametrize("taken", ["message_socket", "run_dir"])
+@pytest.mark.provokes("ruma_agent: the message socket has gone and is made again")
 def test_copy_is_recorded_after_the_message_socket_was_taken_away(host, taken):
     server = start_held_copy(host)
     away = host.directory / "away"
@@ -333,6 +334,10 @@ def test_copy_is_recorded_after_the_message_socket_was_taken_away(host, taken):
         "process -1",
         "long",
     ],
+)
+@pytest.mark.provokes(
+    "ruma_agent: messages dropped so far: … of other users, … malformed, … too long, "
+    "… not a copy status, … not of a child of the agent, … without a module"
 )
 def test_malformed_status_message_is_dropped_and_counted(host, packet):
     server = start_held_copy(host)

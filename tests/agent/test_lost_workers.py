@@ -162,6 +162,7 @@ def test_processes_that_ignore_sigterm_are_killed(host):
     transfer_is_gone(host)
 
 
+@pytest.mark.provokes("ruma_agent: the worker of copy … has ended without a report")
 def test_lost_worker_is_in_the_agents_log(host):
     stand_in(host)
     os.kill(start_standing_in(host, ROW), signal.SIGKILL)
@@ -398,6 +399,7 @@ def no_more_processes(host):
     prlimit(f"--nproc={former}:")
 
 
+@pytest.mark.provokes("ruma_agent: the worker of copy … could not be forked")
 def test_start_whose_fork_fails_is_reported(user_host):
     reporting(user_host)
     user_host.start()

@@ -2,6 +2,7 @@
 #include "config/config.h"
 
 #include "failing_allocations.h"
+#include "provoked.h"
 #include "temporary_directory.h"
 
 #include <cstdio>
@@ -261,6 +262,33 @@ TEST_F(ConfigTest, AFileThatMayNotBeReadIsAnErrorThatNamesTheReason) {
     }
     ASSERT_EQ(::seteuid(0), 0);
     EXPECT_EQ(reason, path + ": Permission denied");
+}
+
+// The complaints that docs/troubleshoot.md lists.
+TEST_F(ConfigTest, ComplaintsAreThoseOfTheDocument) {
+    EXPECT_PROVOKED(complaint("x = 1\n"), "…: unknown key \"…\"");
+    EXPECT_PROVOKED(complaint("[agent]\nuser = 7\n"), "…: … must be a string");
+    EXPECT_PROVOKED(complaint("[agent]\nmax_rows = \"7\"\n"), "…: … must be an integer");
+    EXPECT_PROVOKED(complaint("[agent]\nconfine = 1\n"), "…: … must be true or false");
+    EXPECT_PROVOKED(complaint("agent = 1\n"), "…: … must be a table");
+    EXPECT_PROVOKED(complaint("file_system = 1\n"), "…: file_system must be an array of tables");
+    EXPECT_PROVOKED(complaint(table("abcdefghij-01890")), "…: … is longer than … bytes");
+    EXPECT_PROVOKED(complaint("[agent]\nuser = \"a\\t\"\n"), "…: … holds a control character");
+    EXPECT_PROVOKED(complaint("[[file_system]]\n"), "…: … is missing or empty");
+    EXPECT_PROVOKED(complaint("[agent]\nmax_rows = 0\n"), "…: … is not between … and …");
+    EXPECT_PROVOKED(complaint("[core]\ndirectory = \"core\"\n"), "…: … \"…\" is not absolute");
+    EXPECT_PROVOKED(complaint("[core]\ndirectory = \"/..\"\n"), "…: … \"…\" holds \"..\"");
+    EXPECT_PROVOKED(complaint(table("Flash")),
+                    "…: scheme \"…\" holds other characters than a-z, 0-9 and -");
+    EXPECT_PROVOKED(complaint(table("log")), "…: scheme \"…\" is reserved");
+    EXPECT_PROVOKED(complaint(table("a") + table("a")), "…: scheme \"…\" is used twice");
+    std::string many;
+    for (int i = 0; i < 33; i++)
+        many += table("fs" + std::to_string(i));
+    EXPECT_PROVOKED(complaint(many), "…: more than 32 file systems");
+    EXPECT_PROVOKED(complaint("agent = \n"), "…: Error while parsing …");
+    EXPECT_PROVOKED(path + ":" + complaint(std::string((1 << 20) + 1, '\n')),
+                    "…: longer than 1048576 bytes");
 }
 
 // Neither ends the process nor gives half a configuration, wherever memory runs out.

@@ -2,6 +2,7 @@
 #include "cmi/cmi_wire.h"
 #include "flash_codes.h"
 #include "flash_records.h"
+#include "provoked.h"
 #include "ruma/cmi.h"
 
 #include <chrono>
@@ -658,8 +659,9 @@ TEST_F(FsDaemon, BeyondTheWatchLimitChangesAreFoundByScanning) {
     write_file(first / "a/b/f");
     start({"--max-watches", "1", "--rescan-interval", "1"});
     const uint32_t index = walk().at("1:a/b/f");
-    EXPECT_NE(errors().find("bootflash: not every directory can be read and watched"),
-              std::string::npos);
+    EXPECT_PROVOKED(errors(),
+                    "fs_daemon: …: not every directory can be read and watched: changes are "
+                    "found by scanning again");
     write_file(first / "a/b/g");
     write_file(first / "a/h");
     EXPECT_TRUE(eventually([&] { return lists({"1:a/b/f", "1:a/b/g", "1:a/h"}); }));
@@ -681,11 +683,13 @@ TEST_F(FsDaemon, ADirectoryThatDisappearsIsUnavailableUntilItReturns) {
     EXPECT_EQ(partition(1)->size, 0U);
     EXPECT_EQ(Client(socket_path()).device(CMI_EXACT, 1)->size, 0U);
     EXPECT_NE(errors().find(first.string() + " is unavailable"), std::string::npos);
+    EXPECT_PROVOKED(errors(), "fs_daemon: …: … is unavailable");
     write_file(base / "away/c");
     fs::rename(base / "away", first);
     ASSERT_TRUE(eventually([&] { return lists({"1:a", "1:c", "2:b"}); }));
     EXPECT_EQ(walk().at("1:a"), 1U);
     EXPECT_EQ(partition(1)->state, 1);
+    EXPECT_PROVOKED(errors(), "fs_daemon: …: … is available");
     write_file(first / "d");
     EXPECT_TRUE(eventually([&] { return walk().contains("1:d"); }));
 }
@@ -820,6 +824,8 @@ TEST_F(FsDaemon, AMalformedRequestClosesItsConnectionOnlyAndIsCounted) {
     EXPECT_EQ(stop(), 0);
     EXPECT_NE(errors().find(std::to_string(bad.size()) + " malformed requests"), std::string::npos)
         << errors();
+    EXPECT_PROVOKED(errors(),
+                    "fs_daemon: … malformed requests, … connections of other users refused");
 }
 
 TEST_F(FsDaemon, AClientThatTakesNoAnswersHoldsUpNobody) {
@@ -917,7 +923,7 @@ TEST_F(FsDaemon, AtSighupWithAConfigurationThatCannotBeUsedItServesOn) {
     write_file(base / "platform.toml", "nonsense = 1\n");
     kill(daemon, SIGHUP);
     EXPECT_TRUE(eventually([this] { return !errors().empty(); }));
-    EXPECT_NE(errors().find("not started again: "), std::string::npos) << errors();
+    EXPECT_PROVOKED(errors(), "fs_daemon: not started again: …");
     EXPECT_NE(errors().find("platform.toml:1: unknown key"), std::string::npos) << errors();
     EXPECT_TRUE(Client(socket_path()).device(CMI_NEXT, 0));
 }
@@ -933,9 +939,7 @@ TEST_F(FsDaemon, ASocketThatWasTakenAwayIsMadeAgain) {
     EXPECT_TRUE(take_away(daemon_dir()));
     EXPECT_TRUE(take_away(run_dir()));
     EXPECT_TRUE(client.device(CMI_NEXT, 0)) << "who is connected stays so";
-    EXPECT_NE(errors().find("fsd/fs_daemon.sock had gone and has been made again"),
-              std::string::npos)
-        << errors();
+    EXPECT_PROVOKED(errors(), "fs_daemon: … had gone and has been made again");
     // And it is this daemon's alone.
     EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);
 }
@@ -948,6 +952,7 @@ TEST_F(FsDaemon, ASocketThatCannotBeMadeAgainIsReportedOnce) {
     ASSERT_TRUE(eventually([this] { return !errors().empty(); }));
     const std::string said = errors();
     EXPECT_NE(said.find("has gone: " + socket_path() + " is not a socket"), std::string::npos);
+    EXPECT_PROVOKED(said, "fs_daemon: … has gone: …");
     EXPECT_TRUE(client.device(CMI_NEXT, 0));
     fs::remove(socket_path());
     EXPECT_TRUE(eventually([this] { return Client(socket_path()).connected(); }));
@@ -970,7 +975,7 @@ TEST_F(FsDaemon, TheSocketOfASuccessorIsLeftAlone) {
 TEST_F(FsDaemon, ASecondDaemonRefusesToStartAndDisturbsNothing) {
     start();
     EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);
-    EXPECT_NE(errors().find("another daemon serves"), std::string::npos);
+    EXPECT_PROVOKED(errors(), "fs_daemon: another daemon serves …");
     EXPECT_TRUE(Client(socket_path()).device(CMI_NEXT, 0));
     // Not even when its lock file has been taken away.
     fs::remove(daemon_dir() + "/fs_daemon.lock");
@@ -991,7 +996,7 @@ TEST_F(FsDaemon, WhatIsNotASocketIsNotReplaced) {
     write_file(socket_path(), "precious");
     EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);
     EXPECT_EQ(slurp(socket_path()), "precious");
-    EXPECT_NE(errors().find("is not a socket"), std::string::npos);
+    EXPECT_PROVOKED(errors(), "fs_daemon: … is not a socket");
 }
 
 TEST_F(FsDaemon, TheRunDirectoryIsMadeAndAnybodyMayConnect) {
@@ -1048,6 +1053,7 @@ TEST_F(FsDaemon, AnAgentUserWhoDoesNotExistIsAnError) {
     configure("[agent]\nuser = \"no-such-user\"\n");
     EXPECT_EQ(WEXITSTATUS(wait_for(spawn())), 1);
     EXPECT_EQ(errors(), "fs_daemon: there is no user no-such-user\n");
+    EXPECT_PROVOKED(errors(), "there is no user …");
 }
 
 TEST_F(FsDaemon, ARunDirectoryWithTooLongANameIsAnError) {

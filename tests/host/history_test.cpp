@@ -2,6 +2,7 @@
 #include "evwrap/history.h"
 
 #include "evwrap_fixture.h"
+#include "provoked.h"
 #include "temporary_directory.h"
 
 #include <chrono>
@@ -224,23 +225,22 @@ TEST_F(HistoryTest, ALinkIsNotFollowed) {
     TemporaryDirectory other;
     fs::create_symlink(path, other / "event-history");
     for (const Access access : {Access::record, Access::control, Access::view})
-        EXPECT_THAT(reason_of(other.path(), access), HasSubstr("is a symbolic link"));
+        EXPECT_PROVOKED(reason_of(other.path(), access), "…: is a symbolic link");
     EXPECT_TRUE(fs::is_symlink(other / "event-history"));
 }
 
 TEST_F(HistoryTest, AFifoIsRefusedWithoutWaiting) {
     TemporaryDirectory other;
     ASSERT_EQ(::mkfifo((other / "event-history").c_str(), 0600), 0);
-    EXPECT_THAT(reason_of(other.path(), Access::record), HasSubstr("is not a regular file"));
+    EXPECT_PROVOKED(reason_of(other.path(), Access::record), "…: is not a regular file");
 }
 
 TEST_F(HistoryTest, AFileThatIsNotPrivatelyOursIsRefused) {
     ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
-    EXPECT_THAT(reason_of(directory.path(), Access::record), HasSubstr("is open to other users"));
+    EXPECT_PROVOKED(reason_of(directory.path(), Access::record), "…: is open to other users");
     ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
     if (::chown(path.c_str(), nobody, nobody) == 0) { // what only root can arrange
-        EXPECT_THAT(reason_of(directory.path(), Access::record),
-                    HasSubstr("belongs to another user"));
+        EXPECT_PROVOKED(reason_of(directory.path(), Access::record), "…: belongs to another user");
         EXPECT_EQ(reason_of(directory.path(), Access::view), "opened");
     }
 }

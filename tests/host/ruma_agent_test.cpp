@@ -1,6 +1,7 @@
 // The agent module in an agent of one process: this one.
 #include "config/config.h"
 #include "pmb/message.h"
+#include "provoked.h"
 #include "temporary_directory.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -172,6 +173,8 @@ TEST_F(RumaAgent, ClosesTheReceiverThatTheAgentDoesNotWatchAndTriesAgain) {
         unregister_readfd(500);
         run_alarms_until(receives);
     });
+    EXPECT_PROVOKED(read_file(directory / "agent.log"),
+                    "ruma_agent: looks after its workers once a second only");
 }
 
 TEST_F(RumaAgent, MakesTheSocketAgainWhenItOrItsDirectoryIsTakenAway) {
@@ -217,6 +220,8 @@ TEST_F(RumaAgent, SaysThatThereIsNoStateDirectory) {
                      ruma::run_dir() + ", which a boot may clear") == 1,
               "the log says so");
     });
+    EXPECT_PROVOKED(read_file(directory / "agent.log"),
+                    "ruma_agent: …: …; known host keys are kept in …, which a boot may clear");
 }
 
 TEST_F(RumaAgent, DoesNotUseARunDirectoryThatIsALink) {

@@ -1,6 +1,7 @@
 // The making of the run directory.
 #include "base/run_directory.h"
 
+#include "provoked.h"
 #include "temporary_directory.h"
 
 #include <functional>
@@ -100,6 +101,7 @@ TEST_F(RunDirectoryTest, OfAnotherUserIsRefused) {
     ASSERT_EQ(chown(path.c_str(), somebody, 0), 0);
     EXPECT_EQ(complaint(path), path + " belongs to another user");
     EXPECT_EQ(complaint(path, nobody), path + " belongs to another user");
+    EXPECT_PROVOKED(complaint(path), "… belongs to another user");
 }
 
 TEST_F(RunDirectoryTest, ThatItsGroupOrOthersCanWriteIsRefused) {
@@ -108,6 +110,7 @@ TEST_F(RunDirectoryTest, ThatItsGroupOrOthersCanWriteIsRefused) {
         fs::permissions(path, fs::perms(mode));
         EXPECT_EQ(complaint(path, nobody), path + " can be written by others than its owner")
             << std::oct << mode;
+        EXPECT_PROVOKED(complaint(path), "… can be written by others than its owner");
         EXPECT_EQ(fs::status(path).permissions(), fs::perms(mode)) << "left as it is";
     }
     for (const unsigned mode : {0755U, 0711U, 0700U}) {
@@ -121,12 +124,14 @@ TEST_F(RunDirectoryTest, ThatIsALinkIsRefusedWithASlashAtItsEndToo) {
     fs::create_symlink("elsewhere", path);
     EXPECT_EQ(complaint(path, nobody), path + " is a symbolic link");
     EXPECT_EQ(complaint(path + "//", nobody), path + " is a symbolic link");
+    EXPECT_PROVOKED(complaint(path), "… is a symbolic link");
     EXPECT_EQ(owner(directory / "elsewhere"), 0U);
 }
 
 TEST_F(RunDirectoryTest, ThatIsAFileIsRefused) {
     write_file(path, "precious");
     EXPECT_EQ(complaint(path, nobody), path + " is not a directory");
+    EXPECT_PROVOKED(complaint(path), "… is not a directory");
     EXPECT_EQ(owner(path), 0U);
 }
 

@@ -56,6 +56,7 @@ class Client:
         self.state_directory.mkdir()
         self.files.mkdir()
         self.known_hosts = self.state_directory / "known_hosts"
+        self._said = b""
 
     def arguments(self, protocol, server, verb, source, destination, password=None, limit=60,
                   address=None):
@@ -100,9 +101,14 @@ class Client:
     def finish(self, process):
         """Waits for a script; returns its exit code. It has written at most one line."""
         self.output, self.errors = process.communicate(timeout=60)
+        self._said += self.errors
         assert self.output == b""
         assert self.errors.count(b"\n") == (process.returncode != 0), self.errors
         return process.returncode
+
+    def said(self):
+        """What all scripts so far have written."""
+        return self._said.decode(errors="replace")
 
     def temporaries(self, directory=None):
         return [each for each in (directory or self.files).iterdir()

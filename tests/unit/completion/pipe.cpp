@@ -2,6 +2,7 @@
 #include "fakes/fixture.h"
 
 #include "flash_trace.h"
+#include "provoked.h"
 
 #include <cstring>
 #include <syslog.h>
@@ -96,6 +97,7 @@ TEST_F(PipeTest, ALineWithoutAColonIsRefused) {
     EXPECT_TRUE(fakes::traced(error_level, "ERROR  read_from_pipe : pipe does not contain a :\n"));
     EXPECT_THAT(os().agent_log,
                 ElementsAre(AgentLogLine{LOG_ERR, "ERROR:pipe does not contain a : \n"}));
+    EXPECT_PROVOKED(os().agent_log.at(0).text, "ERROR:pipe does not contain a :");
     EXPECT_FALSE(fakes::traced(debug_level, "calling atoi...\n"));
 }
 

@@ -2,6 +2,7 @@
 #include "frame.h"
 
 #include "flash_inventory.h"
+#include "provoked.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -151,7 +152,9 @@ TEST_F(FrameTest, AFailingPipeIsReportedOnStandardErrorAndInTheTrace) {
     fail_pipe();
     fakes::Capture errors(STDERR_FILENO);
     init_orvex_flash_mib();
-    EXPECT_EQ(errors.text(), "Could not open the pipe\n");
+    const std::string said = errors.text();
+    EXPECT_EQ(said, "Could not open the pipe\n");
+    EXPECT_PROVOKED(said, "Could not open the pipe");
     EXPECT_TRUE(fakes::traced(101, "Could not open the pipe\n"));
 }
 

@@ -1,0 +1,117 @@
+"""docs/troubleshoot.md lists the messages that tests provoke, those and no others."""
+
+import ast
+import re
+from pathlib import Path
+
+import pytest
+
+from messages import pattern
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+DOCUMENT = REPOSITORY / "docs" / "troubleshoot.md"
+HOST = REPOSITORY / "platform" / "host"
+
+C_LITERAL = r'"(?:[^"\\]|\\.)*"'
+
+
+def documented():
+    """The messages: list items that are nothing but one piece of code."""
+    found = re.findall(r"^- `` ?(.+?) ?``$|^- `([^`]+)`$", DOCUMENT.read_text(), re.MULTILINE)
+    return [double or single for double, single in found]
+
+
+def c_text(literals):
+    """The text of C string literals that stand side by side."""
+    return "".join(ast.literal_eval(each) for each in re.findall(C_LITERAL, literals))
+
+
+def provoked_by_cpp(text):
+    calls = re.findall(rf"EXPECT_PROVOKED\(.*?,\s*((?:{C_LITERAL}\s*)+)\);", text, re.DOTALL)
+    return [c_text(each) for each in calls]
+
+
+def provoked_by_python(tree):
+    for node in ast.walk(tree):
+        if isinstance(node, ast.Call) and node.args:
+            name = getattr(node.func, "attr", getattr(node.func, "id", None))
+            argument = node.args[0] if name == "provokes" else node.args[-1]
+            if name in ("provokes", "provoked") and isinstance(argument, ast.Constant):
+                yield argument.value
+
+
+def provoked():
+    tests = REPOSITORY / "tests"
+    messages = set()
+    for path in tests.rglob("*.cpp"):
+        messages.update(provoked_by_cpp(path.read_text()))
+    for path in tests.rglob("*.py"):
+        messages.update(provoked_by_python(ast.parse(path.read_text())))
+    return messages
+
+
+def test_every_message_is_listed_once():
+    messages = documented()
+    assert len(messages) > 50
+    assert sorted(messages) == sorted(set(messages))
+
+
+def test_every_listed_message_is_provoked_by_a_test():
+    assert sorted(set(documented()) - provoked()) == []
+
+
+def test_every_provoked_message_is_listed():
+    assert sorted(provoked() - set(documented())) == []
+
+
+# What is logged but not listed: nothing can be done about it that the words do not say themselves,
+# and no test can bring it about.
+UNLISTED = (
+    "no memory",
+    "ruma_agent: cannot watch",
+)
+
+
+def logged():
+    """The formats of what the host platform logs or says, with "…" for what varies."""
+    for path in sorted(HOST.rglob("*.cpp")):
+        calls = re.findall(
+            r"(?:snmp_log\(\s*LOG_(?:ERR|WARNING),|fprintf\(\s*stderr,)"
+            rf"\s*((?:{C_LITERAL}|PRI\w+|\s)+)",
+            path.read_text(),
+        )
+        for call in calls:
+            text = c_text(re.sub(r"PRI\w+", '"d"', call)).strip()
+            yield re.sub(r"%[a-z]*[dsu]", "…", text)
+
+
+def verdicts():
+    """The sentences of the transfer scripts."""
+    for path in sorted((HOST / "transfer").iterdir()):
+        if path.suffix in (".tcl", ".expect"):
+            text = path.read_text()
+            script = path.name if path.suffix == ".expect" else "scp.expect"
+            sentences = re.findall(
+                r'(?:give_up \w+ |note_failure \w+ |return \{\w+ |list failed )"([^"]+)"', text
+            ) + re.findall(r'\} (?:\w+|\$missing) "([^"]+)"', text)
+            for sentence in sentences:
+                yield re.sub(r"\$\w+", "…", f"{script}: {sentence}")
+
+
+def is_listed(message):
+    """Whether a message is listed, with more or fewer things left open."""
+    return any(
+        pattern(each).search(message.replace("…", "x"))
+        or pattern(message).search(each.replace("…", "x"))
+        for each in documented()
+    )
+
+
+@pytest.mark.parametrize("message", sorted(set(logged())))
+def test_what_is_logged_is_listed(message):
+    assert is_listed(message) or any(each in message for each in UNLISTED)
+
+
+@pytest.mark.parametrize("message", sorted(set(verdicts())))
+def test_every_verdict_of_a_transfer_script_is_listed(message):
+    assert is_listed(message)
