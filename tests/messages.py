@@ -2,7 +2,7 @@
 
 In the document "…" stands for what varies. A test provokes a message by one of
 
-    @pytest.mark.provokes("ruma_agent: the worker of copy … has ended without a report")
+    @pytest.mark.provokes("ruma_agent: cannot receive messages yet: …")
     provoked(text, "fs_daemon: another daemon serves …")
     EXPECT_PROVOKED(text, "there is no user …");        (tests/provoked.h)
 

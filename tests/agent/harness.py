@@ -57,6 +57,7 @@ IN_PROGRESS, SUCCESS, NEW_ROW = 1, 2, 17
 TRUE, FALSE = 1, 2
 TO_FLASH, TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 1, 2, 3
 TFTP, FTP, SCP, SFTP = 1, 4, 5, 6
+OUTCOME_CODES = "0x4a03"  # of the error log's lines about copies and deletes
 INVALID_SOURCE, BUSY, DEVICE_FULL, TRANSFER_ERROR, NO_MEMORY, SCP_FAILURE = 5, 8, 12, 14, 16, 18
 
 # Starts a program where the fixed paths of the module lead into a host's directory. The mounts are
@@ -483,8 +484,9 @@ class Host:
         return [line.split(", ") for line in lines]
 
     def errors(self) -> list:
-        """The platform error codes in the agent's error log."""
-        return [fields[1] for fields in self.error_log()]
+        """The platform error codes that the module has entered into the agent's error log."""
+        codes = [fields[1] for fields in self.error_log()]
+        return [code for code in codes if not code.startswith(OUTCOME_CODES)]
 
     # --- The stock tools
 

@@ -490,7 +490,7 @@ int take_trap(int, int, void *trap, void *) {
     return 0;
 }
 
-const ruma::CopyModule module{get_row, build_notification, nullptr, nullptr};
+const ruma::CopyModule module{get_row, build_notification, nullptr, nullptr, nullptr};
 
 class CopyStatus : public testing::Test {
   protected:

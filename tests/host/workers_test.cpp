@@ -52,7 +52,7 @@ int32_t get_next_row(flashCopyEntry *row) {
     return 0;
 }
 
-const ruma::CopyModule module{nullptr, nullptr, get_next_row, &last_worker};
+const ruma::CopyModule module{nullptr, nullptr, get_next_row, &last_worker, nullptr};
 
 void set_row(int32_t index, int32_t status, flashTimestamp start = {100, 0}) {
     flashCopyEntry &row = rows[static_cast<uint32_t>(index)];
@@ -139,8 +139,8 @@ TEST_F(Workers, ForkWithoutANewCopyIsNoWorkers) {
 TEST_F(Workers, ForkIsNoWorkersWhereTheModuleDoesNotTell) {
     set_row(1, ruma::copy_in_progress);
     EXPECT_FALSE(workers.before_fork({}));
-    EXPECT_FALSE(workers.before_fork({nullptr, nullptr, nullptr, &last_worker}));
-    EXPECT_FALSE(workers.before_fork({nullptr, nullptr, get_next_row, nullptr}));
+    EXPECT_FALSE(workers.before_fork({nullptr, nullptr, nullptr, &last_worker, nullptr}));
+    EXPECT_FALSE(workers.before_fork({nullptr, nullptr, get_next_row, nullptr, nullptr}));
 }
 
 TEST_F(Workers, WorkerThatEndsIsLost) {

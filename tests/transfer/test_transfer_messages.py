@@ -74,7 +74,7 @@ SAID_BY_SSH = [
                  marks=pytest.mark.provokes("….expect: no space for the destination")),
     pytest.param('write remote "a": Failure', NO_SPACE, "put",
                  marks=pytest.mark.provokes(
-                     "….expect: the server cannot write, most likely full")),
+                     "….expect: the server cannot write: most likely it is full")),
     pytest.param("a: Cannot allocate memory", NO_SPACE, "get",
                  marks=pytest.mark.provokes("….expect: no memory")),
     pytest.param("a: Text file busy", BUSY, "put",
@@ -113,7 +113,7 @@ SAID_BY_FTP = [
                  marks=pytest.mark.provokes("….expect: the server refused the transfer")),
     pytest.param("tnftp: Can't connect to `127.0.0.1:21': Connection refused", FAILED, "get",
                  marks=pytest.mark.provokes(
-                     "….expect: the connection failed, or the local file did")),
+                     "….expect: the connection or the local file failed")),
     pytest.param("220 ready", FAILED, "get",
                  marks=pytest.mark.provokes("….expect: the transfer did not complete")),
     pytest.param("---> SIZE a\n213 100\n---> RETR a\n226 Transfer complete.", FAILED, "get",

@@ -13,7 +13,6 @@
 namespace ruma {
 namespace {
 
-constexpr int32_t transfer_error = 14;
 constexpr int32_t notify_wanted = 1;
 constexpr int32_t found = 0;
 constexpr int32_t no_row = 0; // an index that no row has
@@ -33,11 +32,12 @@ CopyStatus payload_of(const pmb_message &message) {
     return status;
 }
 
-bool read_row(const CopyModule &module, int32_t index, flashCopyEntry &row) {
+template <typename Row>
+bool read(int32_t (*get)(Row *), int32_t index, Row &row) {
     const QuietTracing quiet;
     row = {};
     row.index = index;
-    return module.get_row != nullptr && module.get_row(&row) == found;
+    return get != nullptr && get(&row) == found;
 }
 
 void send_notification(const CopyModule &module, int32_t status) {
@@ -76,6 +76,19 @@ const snmp_gen_callback *first_duplicate() {
 
 } // namespace
 
+bool read_row(const CopyModule &module, int32_t index, flashCopyEntry &row) {
+    return read(module.get_row, index, row);
+}
+
+bool read_row(const CopyModule &module, int32_t index, flashMiscOpEntry &row) {
+    return read(module.get_delete_row, index, row);
+}
+
+int32_t status_of(const pmb_message &message) {
+    const int32_t status = payload_of(message).status;
+    return status == 0 ? copy_failed : status;
+}
+
 CopyModule find_copy_module() {
     CopyModule module{};
     for (const auto *callback = snmp_callback_list(copy_status_major, copy_status_minor);
@@ -91,6 +104,8 @@ CopyModule find_copy_module() {
         module.get_next_row =
             reinterpret_cast<decltype(module.get_next_row)>(dlsym(handle, "getnextFlashCopyEntry"));
         module.last_worker = static_cast<const int32_t *>(dlsym(handle, "flash_copy_pid"));
+        module.get_delete_row =
+            reinterpret_cast<decltype(module.get_delete_row)>(dlsym(handle, "getFlashMiscOpEntry"));
         module.build_notification = reinterpret_cast<decltype(module.build_notification)>(
             dlsym(handle, "handle_notifications"));
         // Only the reference that was just taken; the module stays loaded.
@@ -142,7 +157,7 @@ bool deliver_copy_status(pmb_message &message, const CopyModule &module) {
 
 bool is_another_by_now(const CopyStart &start, const CopyModule &module) {
     flashCopyEntry row;
-    return read_row(module, start.row, row) && !(CopyStart{row.index, row.startTimestamp} == start);
+    return read_row(module, start.row, row) && !(start_of(row) == start);
 }
 
 void disown(pmb_message &message) {
@@ -154,11 +169,11 @@ void disown(pmb_message &message) {
 bool is_in_progress(const CopyStart &start, const CopyModule &module) {
     flashCopyEntry row;
     return read_row(module, start.row, row) && row.copyStatus == copy_in_progress &&
-           CopyStart{row.index, row.startTimestamp} == start;
+           start_of(row) == start;
 }
 
 void report_lost_copy(const CopyStart &start, pid_t worker, const CopyModule &module) {
-    const CopyStatus status{transfer_error, is_in_progress(start, module) ? start.row : no_row,
+    const CopyStatus status{copy_failed, is_in_progress(start, module) ? start.row : no_row,
                             worker};
     if (status.index == no_row && worker <= 0)
         return;

@@ -26,6 +26,7 @@ constexpr int copy_status_major = SNMP_CALLBACK_LIBRARY;
 constexpr int copy_status_minor = 11;
 
 constexpr int32_t copy_in_progress = 1; // a row's copy status
+constexpr int32_t copy_failed = 14;     // as a lost worker's row has it
 
 // What the agent needs of the module; each may be null.
 struct CopyModule {
@@ -34,6 +35,7 @@ struct CopyModule {
                                                  std::size_t *id_length, int *send);
     int32_t (*get_next_row)(flashCopyEntry *row);
     const int32_t *last_worker; // what the module's last fork returned
+    int32_t (*get_delete_row)(flashMiscOpEntry *row);
 };
 
 // One start of a copy: a row that was destroyed and created again has another one.
@@ -49,6 +51,16 @@ struct CopyStart {
 
 // Finds the module behind the registered callbacks.
 CopyModule find_copy_module();
+
+// Reads a row by its index, with tracing off. False when there is none.
+bool read_row(const CopyModule &module, int32_t index, flashCopyEntry &row);
+bool read_row(const CopyModule &module, int32_t index, flashMiscOpEntry &row);
+
+// The start that a row stands for.
+inline CopyStart start_of(const flashCopyEntry &row) { return {row.index, row.startTimestamp}; }
+
+// The status that a status message carries, as the module records it.
+int32_t status_of(const pmb_message &message);
 
 // Tells whether a received message is a status message of the process that it names.
 bool is_copy_status(const pmb_message &message);

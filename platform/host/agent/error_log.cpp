@@ -1,5 +1,6 @@
 #include <ruma/agent.h>
 
+#include "agent/error_log.h"
 #include "agent/request.h"
 #include "base/printable.h"
 #include "base/unique_fd.h"
@@ -73,7 +74,17 @@ int append(const std::string &line) {
     return write(log.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size()) ? 0 : -1;
 }
 
+std::string code_text(int32_t code) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(code));
+    return text;
+}
+
 } // namespace
+
+int ruma::append_to_error_log(int32_t code, const std::string &text) {
+    return append(utc_time() + ", " + code_text(code) + ", " + text + "\n");
+}
 
 extern "C" int log_snmp_error(const struct snmp_error_record *record) {
     if (record == nullptr)
@@ -81,10 +92,8 @@ extern "C" int log_snmp_error(const struct snmp_error_record *record) {
     try {
         const std::string text =
             field({record->text, strnlen(record->text, sizeof record->text)}) + requester();
-        char code[16];
-        std::snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(record->code));
-        snmp_log(LOG_WARNING, "error %s: %s\n", code, text.c_str());
-        return append(utc_time() + ", " + code + ", " + text + "\n");
+        snmp_log(LOG_WARNING, "error %s: %s\n", code_text(record->code).c_str(), text.c_str());
+        return ruma::append_to_error_log(record->code, text);
     } catch (const std::bad_alloc &) {
         return -1;
     }

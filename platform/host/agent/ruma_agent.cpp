@@ -4,14 +4,17 @@
 // Everything is set up once per process and stays. SIGHUP makes the agent unload and load its
 // modules, but this one is never unmapped, and callbacks, alarms and read descriptors outlive the
 // reload: a message that arrives meanwhile waits in the socket.
+#include "agent/copy_reports.h"
 #include "agent/copy_status.h"
 #include "agent/flash_directories.h"
 #include "agent/request.h"
+#include "agent/row_watch.h"
 #include "agent/workers.h"
 #include "base/peer.h"
 #include "base/run_directory.h"
 #include "config/config.h"
 #include "pmb/receiver.h"
+#include "report/transfer_report.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
@@ -41,6 +44,7 @@ constexpr unsigned int retry_interval = 2; // seconds; of the look after the soc
 // Never destroyed: the agent's loop may still call while the process ends.
 ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
 ruma::CopyWorkers &workers = *new ruma::CopyWorkers;
+ruma::CopyReports &reports = *new ruma::CopyReports;
 uint64_t refused;  // messages from the right user that are no status message
 uint64_t strange;  // status messages of processes that are no children of the agent
 uint64_t unwanted; // status messages while no module was there to take them
@@ -51,6 +55,7 @@ unsigned int retry_alarm; // 0 while none is registered
 unsigned int look_alarm;  // likewise
 bool starting;            // the fork under way is a worker's
 bool is_worker;           // this process is one
+int fork_error;           // of the last fork of a worker, if it has failed
 
 uint64_t dropped() { return receiver.counters().dropped() + refused + strange + unwanted; }
 
@@ -79,6 +84,9 @@ void receive_message(pmb_message &message, const ruma::CopyModule &module) {
         const auto start = workers.reports(message.sender_pid);
         if (start && ruma::is_another_by_now(*start, module))
             ruma::disown(message);
+        // Before the worker is reaped: its process id may be another's afterwards.
+        if (start)
+            reports.ended(*start, message.sender_pid, ruma::status_of(message));
         if (ruma::deliver_copy_status(message, module))
             workers.reported(message.sender_pid);
         else
@@ -97,10 +105,8 @@ bool receive_messages(const ruma::CopyModule &module) {
 }
 
 void take_leave_of(const ruma::LostCopy &lost, const ruma::CopyModule &module) {
-    if (ruma::is_in_progress(lost.start, module))
-        snmp_log(LOG_WARNING, "ruma_agent: the worker of copy %" PRIu32 " %s\n",
-                 static_cast<uint32_t>(lost.start.row),
-                 lost.worker > 0 ? "has ended without a report" : "could not be forked");
+    reports.lost(lost.start, lost.worker, fork_error,
+                 ruma::config().report_lost_workers ? ruma::copy_failed : ruma::copy_in_progress);
     if (ruma::config().report_lost_workers)
         ruma::report_lost_copy(lost.start, lost.worker, module);
 }
@@ -148,28 +154,48 @@ void before_fork() {
     if (is_worker || gettid() != getpid())
         return;
     try {
-        starting = workers.before_fork(ruma::find_copy_module());
-        if (starting)
-            look_after(std::chrono::microseconds(1)); // when the request is over
+        const ruma::CopyModule module = ruma::find_copy_module();
+        const auto start = workers.before_fork(module);
+        starting = start.has_value();
+        if (!starting)
+            return;
+        look_after(std::chrono::microseconds(1)); // when the request is over
+        flashCopyEntry row;
+        if (ruma::read_row(module, start->row, row))
+            reports.started(row, get_snmp_username(0));
     } catch (const std::bad_alloc &) {
         snmp_log(LOG_ERR, "ruma_agent: no memory to watch a worker\n");
     }
 }
 
-void after_fork_in_child() { is_worker = is_worker || starting; }
+// Runs in the process that forked, also when that has failed, with its errno.
+void after_fork() {
+    if (starting)
+        fork_error = errno;
+}
+
+void after_fork_in_child() {
+    if (!starting)
+        return;
+    is_worker = true;
+    ruma::begin_transfer_report();
+}
 
 void watch_workers() {
     static bool watching;
     if (watching)
         return;
     watching = true;
+    if (!ruma::watch_rows(reports))
+        snmp_log(LOG_ERR, "ruma_agent: cannot watch the requests\n");
     if (workers.open() != 0 || register_readfd(workers.descriptor(), descriptor_is_readable,
                                                nullptr) != FD_REGISTERED_OK) {
         workers.close();
         snmp_log(LOG_WARNING, "ruma_agent: looks after its workers once a second only\n");
     }
-    if (pthread_atfork(before_fork, nullptr, after_fork_in_child) != 0)
+    if (pthread_atfork(before_fork, after_fork, after_fork_in_child) != 0)
         snmp_log(LOG_ERR, "ruma_agent: cannot watch workers\n");
+    ruma::remove_leftover_reports();
 }
 
 void request_over(unsigned int, void *) {

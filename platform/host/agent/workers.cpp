@@ -38,7 +38,7 @@ std::vector<CopyStart> copies_in_progress(const CopyModule &module) {
     while (module.get_next_row(&row) == 0 && static_cast<uint32_t>(row.index) > last) {
         last = static_cast<uint32_t>(row.index);
         if (row.copyStatus == copy_in_progress)
-            found.push_back({row.index, row.startTimestamp});
+            found.push_back(start_of(row));
     }
     return found;
 }
@@ -48,16 +48,6 @@ bool holds(const std::vector<CopyStart> &starts, const CopyStart &start) {
         std::lower_bound(starts.begin(), starts.end(), start,
                          [](const auto &a, const auto &b) { return number(a) < number(b); });
     return at != starts.end() && *at == start;
-}
-
-// How a child has ended, without reaping it: si_pid is 0 while it runs. Nothing when it is no child
-// any more.
-std::optional<siginfo_t> end_of(pid_t pid) {
-    siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 &&
-        errno == ECHILD)
-        return {};
-    return info;
 }
 
 bool has_ended(pid_t pid) {
@@ -110,14 +100,22 @@ class LiveGroups {
 
 } // namespace
 
+std::optional<siginfo_t> end_of(pid_t pid) {
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 &&
+        errno == ECHILD)
+        return {};
+    return info;
+}
+
 int CopyWorkers::open() {
     watched_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
     return watched_ ? 0 : errno;
 }
 
-bool CopyWorkers::before_fork(const CopyModule &module) {
+std::optional<CopyStart> CopyWorkers::before_fork(const CopyModule &module) {
     if (module.get_next_row == nullptr || module.last_worker == nullptr)
-        return false;
+        return {};
     std::vector<CopyStart> now = copies_in_progress(module);
     std::vector<CopyStart> fresh;
     for (const CopyStart &start : now)
@@ -126,10 +124,10 @@ bool CopyWorkers::before_fork(const CopyModule &module) {
     in_progress_ = std::move(now);
     // More than one there is only after memory was missing; then nobody knows which it is.
     if (fresh.size() != 1)
-        return false;
+        return {};
     settle(module);
     unsettled_ = fresh.front();
-    return true;
+    return unsettled_;
 }
 
 void CopyWorkers::settle(const CopyModule &module) {

@@ -7,6 +7,7 @@
 #include "base/unique_fd.h"
 
 #include <chrono>
+#include <csignal>
 #include <optional>
 #include <sys/types.h>
 #include <vector>
@@ -18,6 +19,10 @@ struct LostCopy {
     CopyStart start;
     pid_t worker; // its process group is gone, but itself it is not waited for; -1: the fork failed
 };
+
+// How a child has ended, without reaping it: si_pid is 0 while it runs. Nothing when it is no child
+// any more.
+std::optional<siginfo_t> end_of(pid_t pid);
 
 // The watched workers of this process. Nothing here blocks, or reaps a worker. Procedures that
 // allocate throw std::bad_alloc; a start that could not be noted is then not watched.
@@ -32,11 +37,11 @@ class CopyWorkers {
     // Becomes readable when a worker ends; -1 while not open.
     int descriptor() const { return watched_.get(); }
 
-    // To be called before every fork of the process. Tells whether this one is for the worker of a
-    // copy, and notes the start. The module stores a row as in progress, with the time of its
-    // start, right before it forks: a row that is newly in progress is the one, exactly, however
-    // many copies one request starts.
-    bool before_fork(const CopyModule &module);
+    // To be called before every fork of the process. Returns the start whose worker this one is
+    // for, and notes it; nothing when it is for something else. The module stores a row as in
+    // progress, with the time of its start, right before it forks: a row that is newly in progress
+    // is the one, exactly, however many copies one request starts.
+    std::optional<CopyStart> before_fork(const CopyModule &module);
 
     // Learns the process id of the start noted last. To be called when the request is over: the
     // module has its id then, which it keeps until the next fork.

@@ -4,6 +4,7 @@
 
 #include "base/unique_fd.h"
 #include "syserr/codes.h"
+#include "syslog/last_dump.h"
 
 #include <algorithm>
 #include <array>
@@ -148,10 +149,10 @@ int32_t dump(const char *log, const char *output) {
     return ruma::success;
 }
 
-} // namespace
+int32_t last_result = ruma::success;
 
-extern "C" int32_t syslog_disp_logfile(const syslog_dump_request *request, const char *log,
-                                       const char *output, int first, int last, int flags) {
+int32_t checked_dump(const syslog_dump_request *request, const char *log, const char *output,
+                     int first, int last, int flags) {
     if (request == nullptr || request->kind != SYSLOG_DUMP_PLAIN || log == nullptr ||
         output == nullptr || *output == '\0' || first != 0 || last != 0 || flags != 0)
         return ruma::log_bad_request;
@@ -160,4 +161,14 @@ extern "C" int32_t syslog_disp_logfile(const syslog_dump_request *request, const
     } catch (const std::bad_alloc &) {
         return ruma::log_output_failed;
     }
+}
+
+} // namespace
+
+int32_t ruma::last_dump_result() { return last_result; }
+
+extern "C" int32_t syslog_disp_logfile(const syslog_dump_request *request, const char *log,
+                                       const char *output, int first, int last, int flags) {
+    last_result = checked_dump(request, log, output, first, last, flags);
+    return last_result;
 }

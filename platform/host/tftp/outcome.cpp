@@ -48,7 +48,16 @@ const char *sentence(int result) {
 }
 
 Outcome failed_here(int error) {
-    return {local_result(error), std::generic_category().message(error)};
+    Outcome outcome;
+    outcome.result = local_result(error);
+    outcome.text = std::generic_category().message(error);
+    return outcome;
+}
+
+Outcome failed_at_file(int error) {
+    Outcome outcome = failed_here(error);
+    outcome.about_file = true;
+    return outcome;
 }
 
 Outcome failed_there(uint16_t code, std::string_view text) {
@@ -57,7 +66,11 @@ Outcome failed_there(uint16_t code, std::string_view text) {
         if (static_cast<uint16_t>(error.code) == code)
             found = &error;
     }
-    Outcome outcome{result_of(*found), found->text};
+    Outcome outcome;
+    outcome.result = result_of(*found);
+    outcome.text = found->text;
+    outcome.server_code = code;
+    outcome.server_text = text;
     if (!text.empty())
         outcome.text += ": " + printable(text.substr(0, max_server_text));
     return outcome;

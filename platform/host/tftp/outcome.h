@@ -14,6 +14,9 @@ namespace ruma::tftp {
 struct Outcome {
     int result = 0;
     std::string text;
+    bool about_file = false; // an error of this side's file, not of the network
+    int server_code = -1;    // of the error that the server reported; negative: it reported none
+    std::string server_text; // what it said, as it came
 };
 
 // What every result of its kind means; null when that is the system's own text for an errno.
@@ -23,6 +26,9 @@ const char *sentence(int result);
 
 // An error of this side, by its errno.
 Outcome failed_here(int error);
+
+// One that is about the local file.
+Outcome failed_at_file(int error);
 
 // An error that the server reported. Its text, which may be anything, comes out printable and cut.
 Outcome failed_there(uint16_t code, std::string_view text);

@@ -58,6 +58,7 @@ bool Session::ask(Opcode opcode, std::string_view request, const Offer *offer) {
     }
     if (error != 0) {
         outcome_ = failed_here(error);
+        outcome_.text = "The server cannot be reached: " + outcome_.text;
         return false;
     }
     while (await()) {
@@ -91,8 +92,7 @@ bool Session::take_answer(const Offer *offer) {
         return true;
     const auto agreed = offer != nullptr ? agree(*offer, packet_->payload) : std::nullopt;
     if (!agreed) {
-        fail(ErrorCode::options_refused,
-             {-EPROTO, "The server broke the protocol: it answered other options than asked for"});
+        fail_protocol("it answered other options than asked for", ErrorCode::options_refused);
         return false;
     }
     agreement_ = *agreed;
@@ -134,7 +134,8 @@ bool Session::await() {
         const auto heard =
             peer_->receive(std::min({retransmit_at_, progress_at_ + limits_.silence, end_}));
         if (heard == Peer::Heard::closed) {
-            outcome_ = {failed_here(ECONNREFUSED).result, "The server's port is closed"};
+            outcome_ = failed_here(ECONNREFUSED);
+            outcome_.text = "The server's port is closed";
             return false;
         }
         if (heard == Peer::Heard::silence)
@@ -183,9 +184,11 @@ Outcome Session::fail(ErrorCode code, Outcome outcome) {
     return outcome_;
 }
 
-Outcome Session::fail_protocol(const char *text) {
-    return fail(ErrorCode::illegal_operation,
-                {-EPROTO, std::string("The server broke the protocol: ") + text});
+Outcome Session::fail_protocol(const char *text, ErrorCode code) {
+    Outcome outcome;
+    outcome.result = -EPROTO;
+    outcome.text = std::string("The server broke the protocol: ") + text;
+    return fail(code, std::move(outcome));
 }
 
 } // namespace ruma::tftp

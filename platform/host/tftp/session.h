@@ -58,8 +58,8 @@ class Session {
 
     // Each ends the transfer and tells the server.
     Outcome fail(ErrorCode code, Outcome outcome);
-    Outcome fail_here(int error) { return fail(told_to_server(error), failed_here(error)); }
-    Outcome fail_protocol(const char *text);
+    Outcome fail_at_file(int error) { return fail(told_to_server(error), failed_at_file(error)); }
+    Outcome fail_protocol(const char *text, ErrorCode code = ErrorCode::illegal_operation);
 
     const Outcome &outcome() const { return outcome_; }
 

@@ -2,6 +2,7 @@
 #include <ruma/tftp.h>
 
 #include "base/unique_fd.h"
+#include "report/transfer_report.h"
 #include "tftp/incoming_file.h"
 #include "tftp/local_result.h"
 #include "tftp/outcome.h"
@@ -32,7 +33,7 @@ bool connected() { return server.sin_family == AF_INET; }
 Outcome get(const char *remote, const char *local) {
     ruma::IncomingFile file;
     if (const int error = file.open(local))
-        return ruma::tftp::failed_here(error);
+        return ruma::tftp::failed_at_file(error);
     return ruma::tftp::fetch(server, ruma::tftp::limits(), remote, &file);
 }
 
@@ -41,22 +42,37 @@ Outcome put(const char *path) {
     const ruma::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0)
-        return ruma::tftp::failed_here(errno);
+        return ruma::tftp::failed_at_file(errno);
     if (!S_ISREG(status.st_mode))
-        return ruma::tftp::failed_here(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+        return ruma::tftp::failed_at_file(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
     return ruma::tftp::send(server, ruma::tftp::limits(), path, file.get(),
                             static_cast<uint64_t>(status.st_size));
 }
 
-// Runs a transfer and keeps how it ended.
+// Tells the agent why the transfer of a local file failed.
+void report(const Outcome &outcome, const char *file) {
+    using ruma::CauseKind;
+    if (outcome.about_file)
+        ruma::report_cause({CauseKind::local, -outcome.result, {}, file});
+    else if (outcome.server_code >= 0)
+        ruma::report_cause({CauseKind::server, outcome.server_code, {}, outcome.server_text});
+    else
+        ruma::report_cause({CauseKind::verdict, 0, tftp_strerror(outcome.result), {}});
+}
+
+// Runs a transfer of a local file and keeps how it ended.
 template <typename Transfer>
-int run(const Transfer &transfer) {
+int run(const char *file, const Transfer &transfer) {
     if (!connected())
         return -EDESTADDRREQ;
     try {
         last = transfer();
+        if (last.result < 0)
+            report(last, file);
     } catch (const std::bad_alloc &) {
-        last = {-ENOMEM, {}};
+        last = {};
+        last.result = -ENOMEM;
+        ruma::report_cause({ruma::CauseKind::verdict, 0, "out of memory", {}});
     }
     return last.result;
 }
@@ -94,13 +110,13 @@ int tftp_connect(const char *address, int port) {
 int tftp_get2(const char *remote, const char *local, int flags) {
     if (missing(remote) || missing(local) || flags != 0)
         return -EINVAL;
-    return run([&] { return get(remote, local); });
+    return run(local, [&] { return get(remote, local); });
 }
 
 int tftp_put(const char *file, int flags) {
     if (missing(file) || flags != 0)
         return -EINVAL;
-    return run([&] { return put(file); });
+    return run(file, [&] { return put(file); });
 }
 
 const char *tftp_strerror(int result) {

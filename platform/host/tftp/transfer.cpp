@@ -71,7 +71,7 @@ Outcome fetch(const sockaddr_in &server, const Limits &limits, const std::string
             if (agreed.size && (received > *agreed.size || (last && received < *agreed.size)))
                 return session.fail_protocol("it sent another size than it announced");
             if (const int error = write_all(file->descriptor(), packet.payload))
-                return session.fail_here(error);
+                return session.fail_at_file(error);
             block = after(block);
             repeated = Opcode::data;
             if (last)
@@ -87,7 +87,7 @@ Outcome fetch(const sockaddr_in &server, const Limits &limits, const std::string
     // fails here. While it is being made durable the server repeats its last block; where it gives
     // up before that, it has lost nothing but the knowledge.
     if (const int error = file->commit())
-        return session.fail_here(error);
+        return session.fail_at_file(error);
     session.send(acknowledgement(block));
     session.dally(block);
     return {};
@@ -106,7 +106,7 @@ Outcome send(const sockaddr_in &server, const Limits &limits, const std::string 
         size -= length;
         write_header(packet.data(), Opcode::data, block);
         if (const int error = read_all(file, packet.data() + header_size, length))
-            return session.fail_here(error);
+            return session.fail_at_file(error);
         session.send({packet.data(), header_size + length});
         // An acknowledgement that comes again answers nothing new: it must not bring the block
         // again.

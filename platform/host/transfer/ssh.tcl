@@ -70,7 +70,8 @@ proc note_ssh_line {line} {
 }
 
 # What the messages of a failed client mean: regular expression, exit code's name, sentence. The
-# first that a line matches holds. A reason stands at the end of its line, behind the names.
+# first that a line matches holds, and the line is the client's word for it. A reason stands at the
+# end of its line, behind the names.
 proc ssh_cause {lines verb} {
     # After a get, "no such file" is about the source; a put has found its own.
     set missing [expr {$verb eq "get" ? "noSource" : "failed"}]
@@ -79,7 +80,7 @@ proc ssh_cause {lines verb} {
         {: Permission denied \([a-z,-]*\)\.$} refused "the server refused the login" \
         {Too many authentication failures$} refused "the server refused the login" \
         {: (No space left on device|Disk quota exceeded)$} noSpace "no space for the destination" \
-        {^(scp: )?write remote ".*": Failure$} noSpace "the server cannot write, most likely full" \
+        {^(scp: )?write remote ".*": Failure$} noSpace "the server cannot write: most likely it is full" \
         {: (Cannot allocate memory|Out of memory)$} noSpace "no memory" \
         {: (Text file busy|Device or resource busy)$} busy "the file is in use" \
         {^(scp: )?(open|write) local ".*": } failed "the destination cannot be written" \
@@ -89,9 +90,10 @@ proc ssh_cause {lines verb} {
         {: not a regular file$} failed "the source is not a file" \
         {^ssh: connect to } failed "the server cannot be reached"]
     foreach {pattern cause sentence} $causes {
-        if {[lsearch -regexp $lines $pattern] >= 0} {
-            return [list $cause $sentence]
+        set at [lsearch -regexp $lines $pattern]
+        if {$at >= 0} {
+            return [list $cause $sentence client [lindex $lines $at]]
         }
     }
-    return [list failed "the transfer failed"]
+    return [list failed "the transfer failed" client [lindex [lsearch -all -inline $lines ?*] end]]
 }

@@ -12,11 +12,38 @@ match_max -d 65536
 # A supervised script tells its success apart from 0, with which the interpreter ends by itself.
 set exitCodes {busy 1 noSource 2 noSpace 3 refused 4 failed 5 done 6}
 set temporary ""; # file being received
+set secret ""; # the password, never to be told
+# What the agent is told beside the sentence: who said it, and the words.
+set causeKinds {local 1 server 2 client 3 verdict 4}
+set said {verdict ""}
 
 # Ends the transfer: with an exit code's name and a sentence for the operator. The sentence never
-# holds what an argument or a server said: either may hold the password.
-proc give_up {cause sentence} {
+# holds what an argument or a server said: either may hold the password. That is for the agent, in
+# words of a kind of their own: "server", "client", or "local" for this system's, about a file.
+proc give_up {cause sentence {kind verdict} {words ""}} {
+    global said
+    set said [list $kind $words]
     throw [list TRANSFER $cause] $sentence
+}
+
+# Tells the agent why the transfer failed, in the page that the worker's environment names (see
+# transfer_report.h). The password goes before anything is cut, so that no part of it stays.
+proc report_failure {sentence} {
+    global said causeKinds secret reportPage
+    lassign $said kind words
+    if {$reportPage eq ""} {
+        return
+    }
+    if {$secret ne "" && $kind ne "local"} {
+        set words [string map -nocase [list $secret "(password)"] $words]
+    }
+    catch {
+        set page [open $reportPage WRONLY]
+        fconfigure $page -translation binary
+        puts -nonewline $page [binary format a8nnnna120a256 RUMAXFR\x01 400 \
+            [dict get $causeKinds $kind] 0 0 $sentence $words]
+        close $page
+    }
 }
 
 # What a script becomes at first: a shell that runs the script once more, under its supervision, and
@@ -49,7 +76,11 @@ set supervisor {
 
 # Runs a script's main procedure on the script's arguments, and exits.
 proc run_transfer {main} {
-    global argv argv0 exitCodes
+    global argv argv0 env exitCodes reportPage
+    set reportPage ""
+    if {[info exists env(RUMA_TRANSFER_REPORT)]} {
+        set reportPage $env(RUMA_TRANSFER_REPORT)
+    }
     if {$argv ne "-"} {
         # Nothing waits for events here.
         trap {exit 5} {SIGTERM SIGINT SIGHUP SIGQUIT}
@@ -69,6 +100,7 @@ proc run_transfer {main} {
     }
     clean_up
     if {$cause ne "done"} {
+        report_failure $sentence
         catch {puts stderr "[file tail $argv0]: $sentence"}
     }
     exit [dict get $exitCodes $cause]
@@ -83,7 +115,8 @@ proc supervise {} {
     close $file
     set text [join $words \0]
     if {[string length $text] > 32768} {
-        puts stderr "[file tail $argv0]: arguments too long"; # than a pipe holds
+        report_failure "arguments too long"; # than a pipe holds
+        puts stderr "[file tail $argv0]: arguments too long"
         exit 5
     }
     lassign [chan pipe] input output
@@ -126,7 +159,9 @@ proc check_arguments {server limit args} {
 # The password as the user entered it. Of the backslashes that it was sent with, a shell's double
 # quotes have removed all but those before brackets.
 proc plain_password {argument} {
+    global secret
     set password [string map {\\[ [ \\] ]} $argument]
+    set secret $password
     if {[regexp {[\r\n]} $password]} {
         give_up failed "bad password"
     }
@@ -151,10 +186,10 @@ proc absolute {path} {
 
 proc check_source {path} {
     if {![file exists $path]} {
-        give_up noSource "no such file to send"
+        give_up noSource "no such file to send" local $path
     }
     if {![file isfile $path] || ![file readable $path]} {
-        give_up failed "the file to send cannot be read"
+        give_up failed "the file to send cannot be read" local $path
     }
 }
 
@@ -174,15 +209,15 @@ proc remove_leftovers {directory} {
 proc begin_receiving {destination} {
     global temporary
     if {[string index $destination end] eq "/"} {
-        give_up failed "the destination is a directory"
+        give_up failed "the destination is a directory" local $destination
     }
     # A link is replaced, not followed.
     if {[catch {file lstat $destination status}] == 0} {
         if {$status(type) ni {file link}} {
-            give_up failed "the destination is not a file"
+            give_up failed "the destination is not a file" local $destination
         }
         if {$status(type) eq "file" && ![file writable $destination]} {
-            give_up failed "the destination is write-protected"
+            give_up failed "the destination is write-protected" local $destination
         }
     }
     set random [open /dev/urandom rb]
@@ -195,12 +230,12 @@ proc begin_receiving {destination} {
     try {
         set temporary $name
         close [open $name {WRONLY CREAT EXCL} 0600]
-    } trap {POSIX ENOSPC} {} {
-        give_up noSpace "no space for the destination"
-    } trap {POSIX EDQUOT} {} {
-        give_up noSpace "no space for the destination"
-    } on error {} {
-        give_up failed "the destination's directory cannot be written"
+    } on error {- options} {
+        lassign [dict get $options -errorcode] - error text
+        if {$error in {ENOSPC EDQUOT}} {
+            give_up noSpace "no space for the destination" local "$text: $directory"
+        }
+        give_up failed "the destination's directory cannot be written" local "$text: $directory"
     }
     return $name
 }

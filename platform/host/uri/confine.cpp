@@ -20,7 +20,9 @@ namespace {
 
 using Components = std::vector<std::string>;
 
-int32_t code_of(int error) {
+// A failed call, by its errno.
+int32_t fail(int error, Confined *result) {
+    result->error = error;
     switch (error) {
     case ENOENT:
     case ENOTDIR:
@@ -121,7 +123,7 @@ class Search {
         if (!parent) {
             if (errno == ENOSYS || errno == EPERM) // older, or kept away by a sandbox
                 return std::nullopt;
-            return code_of(errno);
+            return fail(errno, result);
         }
         const std::string parent_path = location(parent);
         if (parent_path.empty())
@@ -138,7 +140,7 @@ class Search {
             return ::fstat(file.get(), &*result->status) == 0 ? success : uri_refused;
         }
         if (errno != ENOENT)
-            return code_of(errno);
+            return fail(errno, result);
         // Nothing there, or a link to nothing, which could come to lead anywhere.
         struct stat link {};
         const bool dangling =
@@ -155,11 +157,11 @@ class Search {
                                        O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         }
         if (!parent)
-            return code_of(errno);
+            return fail(errno, result);
         result->path = join(join(root_, join(parents)), name);
         struct stat status {};
         if (::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-            return errno == ENOENT ? success : code_of(errno);
+            return errno == ENOENT ? success : fail(errno, result);
         if (S_ISLNK(status.st_mode))
             return uri_outside;
         result->status = status;
@@ -180,13 +182,13 @@ int32_t confine(const std::string &directory, std::string_view name, Confined *r
         return uri_malformed;
     const std::string root = canonical(directory);
     if (root.empty())
-        return code_of(errno);
+        return fail(errno, result);
     UniqueFd root_descriptor(::open(root.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat root_status {};
     if (!root_descriptor || ::fstat(root_descriptor.get(), &root_status) != 0)
-        return code_of(errno);
+        return fail(errno, result);
     if (parents.empty()) {
-        *result = {root, root_status};
+        *result = {root, root_status, 0};
         return success;
     }
     const std::string last = std::move(parents.back());
@@ -201,8 +203,10 @@ int32_t confine(const std::string &directory, std::string_view name, Confined *r
         found = {};
         code = search.by_walking(parents, last, &found);
     }
-    if (*code != success)
+    if (*code != success) {
+        result->error = found.error;
         return *code;
+    }
     if (name.back() == '/' && (!found.status || !S_ISDIR(found.status->st_mode)))
         return uri_no_directory;
     *result = std::move(found);

@@ -5,6 +5,7 @@
 #include "ruma/svcmgr.h"
 #include "syserr/codes.h"
 #include "uri/confine.h"
+#include "uri/refusal.h"
 
 #include <algorithm>
 #include <climits>
@@ -49,8 +50,10 @@ int32_t look_up(const std::string &directory, const char *text, const Uri &uri,
                 ruma::Confined *result) {
     ruma::Confined found;
     const int32_t code = ruma::confine(directory, uri.path, &found);
-    if (code != ruma::success)
+    if (code != ruma::success) {
+        result->error = found.error;
         return code;
+    }
     const std::string known = std::string(harmless) + text + directory;
     if (found.path.find_first_not_of(known) != std::string::npos)
         return ruma::uri_foreign_character;
@@ -61,16 +64,25 @@ int32_t look_up(const std::string &directory, const char *text, const Uri &uri,
     return ruma::success;
 }
 
+// The configured directory of a scheme, the core files' included; null for an unknown scheme.
+const std::string *directory_of(std::string_view scheme) {
+    if (scheme == core_scheme)
+        return &ruma::config().core_directory;
+    for (const ruma::FileSystem &file_system : ruma::config().file_systems) {
+        if (file_system.scheme == scheme)
+            return &file_system.directory;
+    }
+    return nullptr;
+}
+
 int32_t resolve(const char *text, ruma::Confined *result) {
     Uri uri;
     const int32_t code = parse(text, &uri);
     if (code != ruma::success)
         return code;
-    for (const ruma::FileSystem &file_system : ruma::config().file_systems) {
-        if (file_system.scheme == uri.scheme)
-            return look_up(file_system.directory, text, uri, result);
-    }
-    return ruma::uri_unknown_scheme;
+    const std::string *directory = uri.scheme == core_scheme ? nullptr : directory_of(uri.scheme);
+    return directory == nullptr ? int32_t{ruma::uri_unknown_scheme}
+                                : look_up(*directory, text, uri, result);
 }
 
 int32_t resolve_core(const char *text, ruma::Confined *result) {
@@ -99,6 +111,20 @@ int32_t hand_out(const std::string &path, char *buffer, size_t size) {
 }
 
 } // namespace
+
+ruma::Refusal ruma::why_refused(const char *text, UriKind kind) {
+    Confined found;
+    Uri uri;
+    Refusal refusal;
+    refusal.code = kind == UriKind::core ? resolve_core(text, &found) : resolve(text, &found);
+    refusal.directory = found.status && S_ISDIR(found.status->st_mode);
+    refusal.error = found.error;
+    if (refusal.error != 0 && parse(text, &uri) == success) {
+        const std::string *directory = directory_of(uri.scheme);
+        refusal.path = (directory != nullptr ? *directory + "/" : "") + std::string(uri.path);
+    }
+    return refusal;
+}
 
 extern "C" {
 
