@@ -131,9 +131,9 @@ def test_mode_of_a_file_replaced_by_ftp_is_unchanged(clean_host, remote, before)
 
 
 @pytest.mark.parametrize("remote", ["ftp"], indirect=True)
-def test_new_file_by_ftp_is_its_owners_alone(clean_host, remote):
+def test_new_file_by_ftp_is_read_by_its_owner_and_group_alone(clean_host, remote):
     assert copy_large(clean_host, remote, "get") == SUCCESS
-    assert (clean_host.flash() / "large").stat().st_mode & 0o7777 == 0o600
+    assert (clean_host.flash() / "large").stat().st_mode & 0o7777 == 0o640
 
 
 def test_put_without_destination_name_keeps_the_name_of_the_file(clean_host, remote):

@@ -32,12 +32,21 @@ def provoked_by_cpp(text):
 
 
 def provoked_by_python(tree):
+    texts = {  # that have a name in the module
+        node.targets[0].id: node.value.value
+        for node in tree.body
+        if isinstance(node, ast.Assign)
+        and isinstance(node.targets[0], ast.Name)
+        and isinstance(node.value, ast.Constant)
+    }
     for node in ast.walk(tree):
         if isinstance(node, ast.Call) and node.args:
             name = getattr(node.func, "attr", getattr(node.func, "id", None))
             argument = node.args[0] if name == "provokes" else node.args[-1]
             if name in ("provokes", "provoked") and isinstance(argument, ast.Constant):
                 yield argument.value
+            elif name in ("provokes", "provoked") and isinstance(argument, ast.Name):
+                yield texts[argument.id]
 
 
 def provoked():
@@ -85,6 +94,21 @@ def logged():
             yield re.sub(r"%[a-z]*[dsu]", "…", text)
 
 
+def thrown():
+    """The reasons that the daemon, the run directory and the configuration are refused with."""
+    for path in [*HOST.glob("base/*.cpp"), *HOST.glob("fs_daemon/*.cpp"), *HOST.glob("config/c*.cpp")]:
+        text = path.read_text()
+        calls = re.findall(r"throw std::runtime_error\((.*?)\);", text, re.DOTALL)
+        calls += re.findall(r"\bfail\([^,;]+,(.*?)\);", text, re.DOTALL)
+        for call in calls:
+            pieces = re.split(rf"({C_LITERAL})", call)
+            if len(pieces) > 1:
+                yield "".join(
+                    ast.literal_eval(each) if number % 2 else re.sub(r"[^…]*\w[^…]*", "…", each)
+                    for number, each in enumerate(pieces)
+                ).replace(" + ", "").strip()
+
+
 def verdicts():
     """The sentences of the transfer scripts."""
     for path in sorted((HOST / "transfer").iterdir()):
@@ -110,6 +134,11 @@ def is_listed(message):
 @pytest.mark.parametrize("message", sorted(set(logged())))
 def test_what_is_logged_is_listed(message):
     assert is_listed(message) or any(each in message for each in UNLISTED)
+
+
+@pytest.mark.parametrize("message", sorted(set(thrown())))
+def test_every_reason_for_a_refused_start_is_listed(message):
+    assert is_listed(message)
 
 
 @pytest.mark.parametrize("message", sorted(set(verdicts())))

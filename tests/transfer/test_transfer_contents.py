@@ -75,16 +75,38 @@ def test_a_get_keeps_the_mode_of_the_file_that_it_replaces(client, protocol, ser
     assert stat.S_IMODE(destination.stat().st_mode) == mode
 
 
-def test_a_new_file_is_its_owners_alone(client, protocol, server):
+@pytest.mark.parametrize("verb", ["get", "put"])
+def test_a_user_without_rights_transfers(client, protocol, server, verb):
+    nobody = 65534
+    for directory in (client.files, client.state_directory):
+        os.chown(directory, nobody, nobody)
+    for parent in client.files.parents:
+        if parent.stat().st_mode & 0o077 == 0:
+            parent.chmod(0o711)
+    path = client.files / "local"
+    if verb == "get":
+        server.store("remote", b"content")
+    else:
+        path.write_bytes(b"content")
+        path.chmod(0o644)
+    names = ("remote", path) if verb == "get" else (path, "remote")
+    arguments = client.arguments(protocol, server, verb, *names)
+    process = client.start(arguments, user=nobody, group=nobody, extra_groups=[])
+    assert client.finish(process) == DONE, client.errors
+    assert path.read_bytes() == (server.home / "remote").read_bytes() == b"content"
+
+
+@pytest.mark.parametrize("umask", [0, 0o77])
+def test_a_new_file_is_read_by_its_owner_and_group_alone(client, protocol, server, umask):
     server.store("source", b"new").chmod(0o777)
     process = client.start(
-        client.arguments(protocol, server, "get", "source", client.files / "copy"), umask=0
+        client.arguments(protocol, server, "get", "source", client.files / "copy"), umask=umask
     )
     assert client.finish(process) == DONE
-    assert stat.S_IMODE((client.files / "copy").stat().st_mode) == 0o600
+    assert stat.S_IMODE((client.files / "copy").stat().st_mode) == 0o640
 
 
-@pytest.mark.parametrize("before, after", [(None, 0o600), (0o644, 0o644)])
+@pytest.mark.parametrize("before, after", [(None, 0o640), (0o644, 0o644)])
 def test_the_old_scp_protocol_gives_a_file_no_mode(client, ssh_server_without_sftp, before, after):
     destination = client.files / "copy"
     if before is not None:

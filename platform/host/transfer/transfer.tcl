@@ -248,11 +248,12 @@ proc check_complete {expected arrived} {
     }
 }
 
-# Gives the received file its name, and the mode of the file that it replaces. A new one stays its
-# owner's, whatever mode an old server has given it.
+# Gives the received file its name, and the mode of the file that it replaces. A new one can be read
+# by the group of its directory, as which the file-system daemon sees it, whatever mode an old server
+# has given it.
 proc keep_received {destination} {
     global temporary
-    set mode 0600
+    set mode 0640
     if {[catch {file lstat $destination status}] == 0 && $status(type) eq "file"} {
         set mode [expr {$status(mode) & 0777}]
     }
