@@ -72,9 +72,8 @@ class Build:
             entry["file"]: entry["command"]
             for entry in json.loads((build / "compile_commands.json").read_text())
         }
-        tests = checkout / "tests/unit"
-        programs = sorted({path.stem for path in tests.glob("*_test.cpp")}
-                          | {f"{path.parent.name}_test" for path in tests.glob("*/*.cpp")})
+        # Each a source or a folder of sources.
+        programs = sorted(path.stem for path in (checkout / "tests/unit").glob("*_test*"))
         self.standard = Flavour(self.work, programs, strict=False)
         self.strict = Flavour(self.work, [STRICT_PROGRAM], strict=True)
         self.links = {}  # the command that links a program
