@@ -23,11 +23,6 @@ class Document:
         return found[0]
 
 
-def commands(block):
-    """The command lines of a block, joined again where a line ends in a backslash."""
-    return re.split(r"(?<!\\)\n", block.rstrip())
-
-
 class Shell:
     """A shell at the station, whose home directory is empty at first."""
 

@@ -2,8 +2,9 @@
 
 import pytest
 
+from documents import commands
 from harness import wait_for
-from pasted import Document, Shell, commands
+from pasted import Document, Shell
 from remotes import start_server
 
 OPERATE = Document("docs/operate.md")

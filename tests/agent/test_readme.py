@@ -2,8 +2,9 @@
 
 import pytest
 
+from documents import commands
 from harness import wait_for
-from pasted import Document, Shell, commands
+from pasted import Document, Shell
 
 README = Document("README.md")
 block_with = README.block_with
