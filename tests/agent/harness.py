@@ -248,6 +248,7 @@ class Host:
         self.core_directory = None
         self.agent_directives = []
         self.agent_user = None  # root
+        self.modules = ("ruma_agent", "orvex_flash_mib")
         self.agent_settings = {}  # words of the platform configuration, as they stand in the file
         self.agent_environment = {}
         self.agent = None
@@ -294,7 +295,7 @@ class Host:
         ]
         settings = dict(self.agent_settings)
         if self.agent_user is not None:
-            settings["user"] = f'"{self.agent_user}"'
+            settings.setdefault("user", f'"{self.agent_user}"')
         tables.append("[agent]\n" + "".join(f"{key} = {settings[key]}\n" for key in settings))
         if self.core_directory is not None:
             tables.append(f'[core]\ndirectory = "{self.core_directory}"\n')
@@ -342,8 +343,7 @@ class Host:
         lines = [f"rwcommunity {COMMUNITY} 127.0.0.0/8", "dontLogTCPWrappersConnects yes"]
         lines += self.agent_directives
         if modules:
-            names = ("ruma_agent", "orvex_flash_mib")
-            lines += [f"dlmod {name} {LIBRARIES / name}.so" for name in names]
+            lines += [f"dlmod {name} {LIBRARIES / name}.so" for name in self.modules]
         self.agent_configuration.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
     def start(self) -> None:

@@ -4,6 +4,7 @@ import os
 import random
 import shlex
 import shutil
+import signal
 import socket
 import struct
 import subprocess
@@ -37,12 +38,11 @@ PMB_MAGIC, PMB_VERSION, STATUS_OPCODE = 0x504D4231, 1, 7786
 # Sends a status message that names itself as the worker.
 SEND_STATUS = """
 import os, socket, struct, sys
-path, status, row, times = sys.argv[1], *map(int, sys.argv[2:])
+path, status, row = sys.argv[1], *map(int, sys.argv[2:])
 payload = struct.pack("=iii", status, row, os.getpid())
 packet = struct.pack("=IIII", {magic}, {version}, {opcode}, len(payload)) + payload
 with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-    for _ in range(times):
-        sender.sendto(packet, path)
+    sender.sendto(packet, path)
 """.format(
     magic=PMB_MAGIC, version=PMB_VERSION, opcode=STATUS_OPCODE
 )
@@ -51,18 +51,18 @@ SENDING_CHILD = "#!/bin/sh\nread ping; echo PONG\nread get; echo NONE\nexec {com
 ASKING_THE_CHILD = ".1.3.6.1.4.1.32473.99"
 
 
-def send_command(host, status, row, times):
+def send_command(host, status, row):
     command = ["/usr/bin/python3", "-c", SEND_STATUS, host.message_socket]
-    return [str(word) for word in (*command, status, row, times)]
+    return [str(word) for word in (*command, status, row)]
 
 
-def send_status(host, status, row, times=1, user=None):
+def send_status(host, status, row, user=None):
     """From a process that is no child of the agent."""
-    subprocess.run(send_command(host, status, row, times), check=True, user=user, cwd="/")
+    subprocess.run(send_command(host, status, row), check=True, user=user, cwd="/")
 
 
-def send_status_as_child(host, status, row, times=1):
-    command = shlex.join(send_command(host, status, row, times))
+def send_status_as_child(host, status, row):
+    command = shlex.join(send_command(host, status, row))
     script = host.directory / "child"
     script.write_text(SENDING_CHILD.format(command=command), encoding="ascii")
     script.chmod(0o755)
@@ -240,20 +240,20 @@ def test_stop_leaves_no_process(host):
 # --- Status messages
 
 
-def test_status_message_of_a_child_of_the_agent_is_recorded(parent_host):
-    """What the tests of refused messages would see if those were not refused."""
+def test_status_message_of_a_child_that_is_no_worker_is_dropped_and_counted(parent_host):
     server = start_held_copy(parent_host)
     send_status_as_child(parent_host, TRANSFER_ERROR, 7)
-    assert parent_host.finish_copy(7) == TRANSFER_ERROR
-    assert len(parent_host.completions()) == 1
+    wait_for(lambda: "1 not of a worker" in parent_host.logs(), "the agent logs the drop")
+    assert parent_host.copy_status(7) == IN_PROGRESS
+    assert not parent_host.completions()
     server.release()
-    wait_for(lambda: not parent_host.strays(), "the worker ends")
+    assert parent_host.finish_copy(7) == SUCCESS
 
 
 def test_status_message_of_another_process_of_the_agents_user_is_dropped_and_counted(host):
     server = start_held_copy(host)
     send_status(host, TRANSFER_ERROR, 7)
-    wait_for(lambda: "1 not of a child of the agent" in host.logs(), "the agent logs the drop")
+    wait_for(lambda: "1 not of a worker" in host.logs(), "the agent logs the drop")
     assert host.copy_status(7) == IN_PROGRESS
     assert not host.completions()
     server.release()
@@ -273,26 +273,64 @@ def test_status_message_of_another_user_is_dropped_and_counted(host):
     assert len(host.completions()) == 1
 
 
-def test_status_message_for_a_row_that_does_not_exist_is_harmless(parent_host):
-    parent_host.create_copy(7, **COPY_ARGUMENTS)
-    before = parent_host.walk(COPY)
-    send_status_as_child(parent_host, TRANSFER_ERROR, 99)
-    wait_for(parent_host.completions, "the agent has taken the message")
-    assert parent_host.walk(COPY) == before
+# Stands before the C library's sendmsg in the worker: repeats its status message, or has it stop
+# between message and end.
+SENDMSG = """
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+ssize_t sendmsg(int s, const struct msghdr *message, int flags) {
+    ssize_t (*real)(int, const struct msghdr *, int) = dlsym(RTLD_NEXT, "sendmsg");
+    const struct sockaddr_un *to = message->msg_name;
+    const ssize_t sent = real(s, message, flags);
+    if (to != NULL && to->sun_family == AF_UNIX && strstr(to->sun_path, "/pmb-") != NULL) {
+        if (getenv("SEND_TWICE") != NULL)
+            real(s, message, flags);
+        if (getenv("STOP_AFTERWARDS") != NULL)
+            raise(SIGSTOP);
+    }
+    return sent;
+}
+"""
 
 
-def test_doubled_status_message_is_recorded_and_notified_once(parent_host):
-    """With the first one its sender has been waited for, and is no child any more."""
-    server = start_held_copy(parent_host, notify=TRUE)
-    station = parent_host.enter(TrapReceiver(parent_host.address))
-    send_status_as_child(parent_host, TRANSFER_ERROR, 7, times=2)
-    assert station.receive()[-1].value == TRANSFER_ERROR
-    wait_for(lambda: "1 not of a child" in parent_host.logs(), "the agent drops the second one")
-    assert len(parent_host.completions()) == 1
+def preload_sendmsg(host, word):
+    source, library = host.directory / "sendmsg.c", host.directory / "sendmsg.so"
+    source.write_text(SENDMSG, encoding="ascii")
+    subprocess.run(["gcc", "-shared", "-fPIC", "-o", library, source], check=True)
+    host.agent_environment = {"LD_PRELOAD": str(library), word: "1"}
+
+
+def test_doubled_status_message_is_recorded_and_notified_once(idle_host):
+    preload_sendmsg(idle_host, "SEND_TWICE")
+    idle_host.agent_directives = [f"trap2sink {idle_host.address}:{TRAP_PORT} test"]
+    idle_host.start()
+    station = idle_host.enter(TrapReceiver(idle_host.address))
+    idle_host.enter(TftpServer(idle_host.address, {"image.bin": CONTENT}))
+    assert idle_host.copy(7, notify=TRUE, **COPY_ARGUMENTS) == SUCCESS
+    assert station.receive()[-1].value == SUCCESS
+    wait_for(lambda: "1 not of a worker" in idle_host.logs(), "the agent drops the second one")
+    assert len(idle_host.completions()) == 1
     assert station.receive(timeout=0.3) is None
-    assert parent_host.copy_status(7) == TRANSFER_ERROR
-    server.release()
-    wait_for(lambda: not parent_host.strays(), "the worker ends")
+    wait_for(lambda: not idle_host.strays(), "the worker ends")
+
+
+def test_worker_that_is_stopped_after_its_message_does_not_hold_the_agent_up(idle_host):
+    preload_sendmsg(idle_host, "STOP_AFTERWARDS")
+    idle_host.start()
+    idle_host.enter(TftpServer(idle_host.address, {"image.bin": CONTENT}))
+    idle_host.start_copy(7, **COPY_ARGUMENTS)
+    [worker] = live_children(idle_host.agent.pid)
+    wait_for(lambda: process_state(worker)[0] == "T", "the worker stands still")
+    assert idle_host.value(SYS_UP_TIME) is not None
+    assert idle_host.copy_status(7) == IN_PROGRESS
+    os.kill(worker, signal.SIGCONT)
+    assert idle_host.finish_copy(7) == SUCCESS
+    assert process_state(worker) is None
 
 
 @pytest.mark.parametrize("taken", ["message_socket", "run_dir"])
@@ -337,7 +375,7 @@ def test_copy_is_recorded_after_the_message_socket_was_taken_away(host, taken):
 )
 @pytest.mark.provokes(
     "ruma_agent: messages dropped so far: … of other users, … malformed, … too long, "
-    "… not a copy status, … not of a child of the agent, … without a module"
+    "… not a copy status, … not of a worker, … without a module"
 )
 def test_malformed_status_message_is_dropped_and_counted(host, packet):
     server = start_held_copy(host)

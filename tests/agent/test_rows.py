@@ -459,10 +459,13 @@ def test_row_is_added_again_after_one_of_a_full_table_was_destroyed(three_row_ho
     assert three_row_host.set((f"{column}.8", ber.integer(CREATE_AND_WAIT))) == ber.GEN_ERR
 
 
-def test_full_table_is_logged_once(three_row_host):
+@pytest.mark.provokes("ruma: the … table is full: max_rows is …")
+def test_full_table_is_logged_once_with_its_name(three_row_host):
     create(three_row_host, CopyColumn.ROW, 1, 2, 3)
     create(three_row_host, MiscColumn.ROW, 1, 2, 3)
     for row in range(4, 50):
         for column in (CopyColumn.ROW, MiscColumn.ROW):
             assert three_row_host.set((f"{column}.{row}", ber.integer(CREATE_AND_WAIT)))
-    assert three_row_host.agent_log.read_text().count("a table is full: max_rows is 3\n") == 1
+    log = three_row_host.agent_log.read_text()
+    for table in ("copy", "misc-operation"):
+        assert log.count(f"ruma: the {table} table is full: max_rows is 3\n") == 1

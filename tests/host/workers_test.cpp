@@ -361,7 +361,7 @@ TEST_F(WorkersGroup, OfAWorkerThatRunsIsLeftAlone) {
 
 TEST_F(WorkersGroup, IsEndedBySigtermWhenItsWorkerReports) {
     const pid_t worker = start_group([] {});
-    workers.reports(worker);
+    workers.end_group(worker);
     end(worker);
     workers.reported(worker);
     // The pipe ends with the last member.
@@ -380,7 +380,7 @@ TEST_F(WorkersGroup, OfNobodyElseGetsNoSignalWhenItsWorkerReports) {
     char byte;
     ASSERT_EQ(read(told[0], &byte, 1), 1);
     workers.settle(module);
-    workers.reports(worker);
+    workers.end_group(worker);
     EXPECT_TRUE(lost_in_the_end().empty());
     end(worker);
 }
@@ -388,7 +388,7 @@ TEST_F(WorkersGroup, OfNobodyElseGetsNoSignalWhenItsWorkerReports) {
 TEST_F(WorkersGroup, OfAProcessThatIsNoWorkerGetsNoSignal) {
     const pid_t worker = start_group([] {});
     workers.reported(worker);
-    workers.reports(worker);
+    workers.end_group(worker);
     close(told[1]);
     EXPECT_FALSE(readable(told[0]));
     end(worker);

@@ -1,7 +1,9 @@
 #include "agent/flash_directories.h"
 
+#include "base/peer.h"
 #include "base/printable.h"
 #include "config/config.h"
+#include "report/explain.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -10,6 +12,7 @@
 #include <filesystem>
 #include <new>
 #include <system_error>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -39,6 +42,24 @@ void warn(const FileSystem &file_system) {
                  "that others can write\n",
                  file_system.scheme.c_str(), search.entries,
                  printable(file_system.directory).c_str());
+}
+
+void warn_if_closed(const FileSystem &file_system) {
+    const std::string problem = explain_directory(file_system.directory);
+    if (!problem.empty())
+        snmp_log(LOG_WARNING, "ruma_agent: %s: user %s cannot write it: %s\n",
+                 file_system.scheme.c_str(), user_text(geteuid()).c_str(), problem.c_str());
+}
+
+void look_at_each(void (*look)(const FileSystem &)) {
+    for (const FileSystem &file_system : config().file_systems) {
+        try {
+            look(file_system);
+        } catch (const std::bad_alloc &) {
+            snmp_log(LOG_WARNING, "ruma_agent: %s: no memory to look at its directories\n",
+                     file_system.scheme.c_str());
+        }
+    }
 }
 
 } // namespace
@@ -77,15 +98,8 @@ DirectorySearch search_writable(const std::string &top, std::size_t max_entries)
     return search;
 }
 
-void warn_of_writable_directories() {
-    for (const FileSystem &file_system : config().file_systems) {
-        try {
-            warn(file_system);
-        } catch (const std::bad_alloc &) {
-            snmp_log(LOG_WARNING, "ruma_agent: %s: no memory to look at its directories\n",
-                     file_system.scheme.c_str());
-        }
-    }
-}
+void warn_of_writable_directories() { look_at_each(warn); }
+
+void warn_of_closed_directories() { look_at_each(warn_if_closed); }
 
 } // namespace ruma

@@ -24,6 +24,11 @@ DirectorySearch search_writable(const std::string &top, std::size_t max_entries)
 // the agent's log of what was found and of what was not searched.
 void warn_of_writable_directories();
 
+// Looks whether this process's user can search, read and write the directory of each configured
+// file system, and warns in the agent's log of those that it cannot: copies to them and deletes
+// fail. To be called when the agent has the user that it keeps.
+void warn_of_closed_directories();
+
 } // namespace ruma
 
 #endif

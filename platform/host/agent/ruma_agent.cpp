@@ -7,6 +7,7 @@
 #include "agent/copy_reports.h"
 #include "agent/copy_status.h"
 #include "agent/flash_directories.h"
+#include "agent/presence.h"
 #include "agent/request.h"
 #include "agent/row_watch.h"
 #include "agent/workers.h"
@@ -46,7 +47,7 @@ ruma::PmbReceiver &receiver = *new ruma::PmbReceiver;
 ruma::CopyWorkers &workers = *new ruma::CopyWorkers;
 ruma::CopyReports &reports = *new ruma::CopyReports;
 uint64_t refused;  // messages from the right user that are no status message
-uint64_t strange;  // status messages of processes that are no children of the agent
+uint64_t strange;  // status messages of processes that are no workers, or have sent one
 uint64_t unwanted; // status messages while no module was there to take them
 uint64_t logged;   // dropped messages that the log knows of
 bool log_alarm_pending;
@@ -70,27 +71,37 @@ void log_drops(unsigned int, void *) {
     snmp_log(LOG_WARNING,
              "ruma_agent: messages dropped so far: %" PRIu64 " of other users, %" PRIu64
              " malformed, %" PRIu64 " too long, %" PRIu64 " not a copy status, %" PRIu64
-             " not of a child of the agent, %" PRIu64 " without a module\n",
+             " not of a worker, %" PRIu64 " without a module\n",
              counters.foreign, counters.malformed, counters.truncated, refused, strange, unwanted);
     log_alarm_pending = snmp_alarm_register(log_interval, 0, log_drops, nullptr) != 0;
 }
 
-void receive_message(pmb_message &message, const ruma::CopyModule &module) {
-    if (!ruma::is_copy_status(message)) {
-        ++refused;
-    } else if (!ruma::is_child(message.sender_pid)) {
-        ++strange;
-    } else {
-        const auto start = workers.reports(message.sender_pid);
-        if (start && ruma::is_another_by_now(*start, module))
+// The worker has ended, or is one that nobody watches.
+void deliver(pmb_message &message, const ruma::CopyModule &module) {
+    const auto start = workers.start_of_worker(message.sender_pid);
+    if (start) {
+        if (ruma::is_another_by_now(*start, module))
             ruma::disown(message);
         // Before the worker is reaped: its process id may be another's afterwards.
-        if (start)
-            reports.ended(*start, message.sender_pid, ruma::status_of(message));
-        if (ruma::deliver_copy_status(message, module))
-            workers.reported(message.sender_pid);
-        else
-            ++unwanted;
+        reports.ended(*start, message.sender_pid, ruma::status_of(message));
+    }
+    if (ruma::deliver_copy_status(message, module))
+        workers.reported(message.sender_pid);
+    else
+        ++unwanted;
+}
+
+void receive_message(pmb_message &message, const ruma::CopyModule &module) {
+    const pid_t sender = message.sender_pid;
+    if (!ruma::is_copy_status(message)) {
+        ++refused;
+    } else if (workers.keep(message)) {
+        workers.end_group(sender);
+    } else if (!workers.start_of_worker(sender) && ruma::is_child(sender) &&
+               module.last_worker != nullptr && sender == *module.last_worker) {
+        deliver(message, module); // a worker for whose watch memory was missing
+    } else {
+        ++strange;
     }
 }
 
@@ -130,7 +141,10 @@ void take_turn() {
         const ruma::CopyModule module = ruma::find_copy_module();
         workers.settle(module);
         workers.note_ended();
-        if (receive_messages(module))
+        const bool all = receive_messages(module);
+        for (pmb_message &message : workers.take_reports())
+            deliver(message, module);
+        if (all)
             for (const ruma::LostCopy &lost : workers.take_lost())
                 take_leave_of(lost, module);
         if (const auto wait = workers.next_look())
@@ -295,6 +309,20 @@ void warn_of_state_directory() {
                  ruma::state_dir().c_str(), strerror(errno), ruma::run_dir().c_str());
 }
 
+// Once, not after a reload: the module's registrations outlive it.
+void notice_order() {
+    static bool noticed;
+    if (noticed)
+        return;
+    noticed = true;
+    ruma::agent_module_is_there();
+    if (snmp_callback_list(ruma::copy_status_major, ruma::copy_status_minor) != nullptr)
+        snmp_log(LOG_WARNING, "ruma_agent: loaded after orvex_flash_mib: put its dlmod line before "
+                              "that of orvex_flash_mib\n");
+}
+
+void agent_has_its_user(unsigned int, void *) { ruma::warn_of_closed_directories(); }
+
 } // namespace
 
 extern "C" {
@@ -304,6 +332,7 @@ __attribute__((visibility("default"))) void init_ruma_agent();
 __attribute__((visibility("default"))) void deinit_ruma_agent();
 
 void init_ruma_agent() {
+    notice_order();
     register_access_checks();
     watch_workers();
     // Reads the configuration while the agent still has the rights that it starts with, and makes
@@ -311,6 +340,9 @@ void init_ruma_agent() {
     start_receiving(0, nullptr);
     watch_socket();
     ruma::warn_of_writable_directories();
+    // The agent changes its user before its loop begins.
+    const timeval at_once{0, 1};
+    snmp_alarm_register_hr(at_once, 0, agent_has_its_user, nullptr);
     warn_of_state_directory();
 }
 

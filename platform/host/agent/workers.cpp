@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::size_t max_descriptors = 64; // of workers; the agent needs some for itself
 constexpr std::chrono::milliseconds unwatched_interval(1000);
-constexpr std::chrono::milliseconds terminating_interval(50);
+constexpr std::chrono::milliseconds ending_interval(50);
 constexpr std::chrono::seconds grace(1); // between SIGTERM and SIGKILL
 
 uint32_t number(const CopyStart &start) { return static_cast<uint32_t>(start.row); }
@@ -169,13 +169,36 @@ std::vector<CopyWorkers::Worker>::iterator CopyWorkers::find(pid_t pid) {
                         [pid](const Worker &each) { return each.pid == pid; });
 }
 
-std::optional<CopyStart> CopyWorkers::reports(pid_t pid) {
-    const auto worker = find(pid);
-    if (worker == workers_.end())
-        return {};
-    if (LiveGroups().hold(pid))
+void CopyWorkers::end_group(pid_t pid) {
+    if (find(pid) != workers_.end() && LiveGroups().hold(pid))
         kill(-pid, SIGTERM);
-    return worker->start;
+}
+
+std::optional<CopyStart> CopyWorkers::start_of_worker(pid_t pid) const {
+    for (const Worker &worker : workers_) {
+        if (worker.pid == pid)
+            return worker.start;
+    }
+    return {};
+}
+
+bool CopyWorkers::keep(const pmb_message &message) {
+    const auto worker = find(message.sender_pid);
+    if (worker == workers_.end() || worker->report != nullptr)
+        return false;
+    worker->report = std::make_unique<pmb_message>(message);
+    return true;
+}
+
+std::vector<pmb_message> CopyWorkers::take_reports() {
+    std::vector<pmb_message> messages;
+    for (Worker &worker : workers_) {
+        if (worker.stage == Stage::running || worker.report == nullptr)
+            continue;
+        messages.push_back(*worker.report);
+        worker.report.reset();
+    }
+    return messages;
 }
 
 void CopyWorkers::reported(pid_t pid) {
@@ -240,9 +263,12 @@ std::optional<std::chrono::milliseconds> CopyWorkers::next_look() const {
     std::optional<std::chrono::milliseconds> next;
     for (const Worker &worker : workers_) {
         if (worker.stage != Stage::running)
-            return terminating_interval;
-        if (!worker.descriptor)
+            return ending_interval;
+        if (!worker.descriptor) {
+            if (worker.report != nullptr)
+                return ending_interval;
             next = unwatched_interval;
+        }
     }
     return next;
 }

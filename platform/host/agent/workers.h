@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <memory>
 #include <optional>
 #include <sys/types.h>
 #include <vector>
@@ -50,8 +51,18 @@ class CopyWorkers {
     // Ends, by SIGTERM, what a worker has left running that sends its status message: its transfer
     // is over, but a shell of it that somebody else ended takes nothing with it. To be called
     // before the message is delivered, while the worker keeps its id; nothing follows later.
-    // Returns the start that the worker is for, nothing for a process that is no watched worker.
-    std::optional<CopyStart> reports(pid_t worker);
+    void end_group(pid_t worker);
+
+    // The start that a worker is for; nothing for a process that is no watched worker.
+    std::optional<CopyStart> start_of_worker(pid_t worker) const;
+
+    // Keeps a worker's status message until the worker has ended: delivered before, it would have
+    // the module wait for a worker that may have been stopped. False for a second message, and for
+    // a process that is no watched worker.
+    bool keep(const pmb_message &message);
+
+    // Takes the messages of workers that were noted as ended.
+    std::vector<pmb_message> take_reports();
 
     // Forgets a worker whose status message was delivered: it is not lost, whatever it said.
     void reported(pid_t worker);
@@ -80,6 +91,7 @@ class CopyWorkers {
         UniqueFd descriptor; // none: looked after by and by
         Stage stage;
         Clock::time_point terminated; // when its group got SIGTERM
+        std::unique_ptr<pmb_message> report{};
     };
 
     std::vector<Worker>::iterator find(pid_t pid);

@@ -19,6 +19,13 @@ std::optional<uid_t> user_number(const std::string &name);
 // std::runtime_error when there is no such user. May block as user_number.
 std::optional<uid_t> configured_user_number(const std::string &name);
 
+// A user for a message: number and name, "107 (Debian-snmp)", or the number alone for one that the
+// user directory does not know. May block as user_number. Throws std::bad_alloc.
+std::string user_text(uid_t user);
+
+// What a configuration file calls a user: the name, or the number for one without.
+std::string user_name(uid_t user);
+
 // Whether `user` may talk to this process: root, this process's own user, or `configured`.
 bool is_trusted(uid_t user, std::optional<uid_t> configured);
 

@@ -5,9 +5,12 @@
 // waiting. A daemon that ended closes the connection, so its successor is found by the next call.
 #include "ruma/cmi.h"
 
+#include "agent/presence.h"
 #include "base/peer.h"
 #include "cmi/cmi_wire.h"
+#include "cmi/daemon_state.h"
 #include "config/config.h"
+#include "report/sentence.h"
 
 #include <cerrno>
 #include <chrono>
@@ -17,9 +20,11 @@
 #include <mutex>
 #include <optional>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -61,9 +66,10 @@ Received receive(int fd, Packet &packet, void *payload, std::size_t capacity) {
     message.msg_iov = parts;
     message.msg_iovlen = 2;
     ssize_t got = 0;
+    bool reset = false; // comes before what the daemon said when it closed without reading
     do {
         got = recvmsg(fd, &message, MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
+    } while (got < 0 && (errno == EINTR || (errno == ECONNRESET && !std::exchange(reset, true))));
     if (got < 0) {
         return errno == EAGAIN ? Received::nothing : Received::ended;
     }
@@ -85,16 +91,24 @@ class Connection {
     bool call(uint32_t opcode, uint32_t message_type, const void *request, void *payload,
               uint32_t length, Deadline deadline);
 
+    // What the last call has found out about the daemon.
+    ruma::DaemonState state() const { return state_; }
+    const std::string &detail() const { return detail_; }
+
   private:
     bool settle();
     bool open();
     void close();
+    bool fail(ruma::DaemonState state, std::string detail = {});
+    bool refused();
     bool send(const ruma::CmiHeader &header, const void *request);
 
     int fd_ = -1;
     pid_t owner_ = 0;
     uint32_t tag_ = 0;
     bool outstanding_ = false;
+    ruma::DaemonState state_ = ruma::DaemonState::unknown;
+    std::string detail_;
 };
 
 // Whether a daemon of this user is believed: root, this process's own user, the one configured.
@@ -112,30 +126,51 @@ void Connection::close() {
     outstanding_ = false;
 }
 
+// Returns false, as the call does that finds out.
+bool Connection::fail(ruma::DaemonState state, std::string detail) {
+    state_ = state;
+    detail_ = std::move(detail);
+    return false;
+}
+
+bool Connection::refused() {
+    const std::string user = ruma::user_name(geteuid());
+    return fail(ruma::DaemonState::refusing, ruma::user_text(geteuid()) +
+                                                 ": set [agent] user = \"" + user + "\" in " +
+                                                 ruma::config_path() + " and restart it");
+}
+
 bool Connection::open() {
+    using ruma::DaemonState;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = ruma::fs_daemon_dir() + "/" + ruma::fs_daemon_socket;
     if (path.size() >= sizeof address.sun_path) {
-        return false;
+        return fail(DaemonState::down, path + ": too long for a socket");
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
     // Of a Unix socket, connect succeeds or fails at once; a full queue is a failure too.
     fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd_ < 0) {
-        return false;
+        return fail(DaemonState::down, ruma::system_error_text(errno, "socket"));
     }
     owner_ = getpid();
     outstanding_ = false;
     if (connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        const int error = errno;
         close();
-        return false;
+        return fail(error == EAGAIN ? DaemonState::hung : DaemonState::down,
+                    ruma::system_error_text(error, path));
     }
     const std::optional<uid_t> server = ruma::peer_user(fd_);
     if (!server || !may_serve(*server)) {
         close();
-        return false;
+        const uid_t user = server.value_or(static_cast<uid_t>(-1));
+        return fail(DaemonState::untrusted, ruma::user_text(user) +
+                                                ", who is not believed: set [fs_daemon] user = \"" +
+                                                ruma::user_name(user) + "\" in " +
+                                                ruma::config_path() + " and restart the agent");
     }
     return true;
 }
@@ -154,7 +189,7 @@ bool Connection::settle() {
     char payload[4096];
     switch (receive(fd_, late, payload, sizeof payload)) {
     case Received::nothing:
-        return !outstanding_;
+        return !outstanding_ || fail(ruma::DaemonState::hung);
     case Received::packet:
         if (outstanding_ && late.header.tag == tag_) {
             outstanding_ = false;
@@ -184,31 +219,40 @@ bool Connection::send(const ruma::CmiHeader &header, const void *request) {
 
 bool Connection::call(uint32_t opcode, uint32_t message_type, const void *request, void *payload,
                       uint32_t length, Deadline deadline) {
+    using ruma::DaemonState;
     if (!settle()) {
         return false;
     }
     ++tag_;
-    if (!send({ruma::cmi_request_magic, tag_, opcode, message_type, 0, length}, request)) {
-        close();
-        return false;
-    }
+    // What a daemon has said before it closed the connection can still be read.
+    const bool sent =
+        send({ruma::cmi_request_magic, tag_, opcode, message_type, 0, length}, request);
     outstanding_ = true;
-    if (!readable(fd_, deadline)) {
-        return false;
+    if (sent && !readable(fd_, deadline)) {
+        return fail(DaemonState::hung);
     }
     Packet answer;
     const Received received = receive(fd_, answer, payload, length);
     if (received == Received::nothing) {
-        return false;
+        return fail(DaemonState::hung);
     }
     const ruma::CmiHeader &header = answer.header;
+    if (received == Received::packet && header.result == ruma::cmi_refused && header.tag == 0) {
+        close();
+        return refused();
+    }
+    if (received == Received::ended || !sent) {
+        close();
+        return fail(DaemonState::down, "it has closed the connection");
+    }
     if (received != Received::packet || header.tag != tag_ || header.opcode != opcode ||
         header.message_type != message_type || header.length != answer.payload ||
         answer.payload != (header.result == ruma::cmi_ok ? length : 0)) {
         close();
-        return false;
+        return fail(DaemonState::down, "it has given an answer of another form");
     }
     outstanding_ = false;
+    state_ = DaemonState::up;
     return header.result == ruma::cmi_ok;
 }
 
@@ -221,6 +265,7 @@ int cmi_req_resp(uint32_t opcode, uint32_t message_type, const void *request, vo
     static std::timed_mutex mutex;
     static Connection connection;
 
+    ruma::miss_agent_module();
     if (response == nullptr) {
         return -1;
     }
@@ -232,8 +277,13 @@ int cmi_req_resp(uint32_t opcode, uint32_t message_type, const void *request, vo
         const Deadline deadline = Clock::now() + call_limit;
         std::unique_lock lock(mutex, deadline);
         Payload payload(malloc(*length));
-        if (!lock || !payload ||
-            !connection.call(opcode, message_type, request, payload.get(), *length, deadline)) {
+        if (!lock || !payload) {
+            return -1;
+        }
+        const bool found =
+            connection.call(opcode, message_type, request, payload.get(), *length, deadline);
+        ruma::note_daemon_state(connection.state(), connection.detail());
+        if (!found) {
             return -1;
         }
         *response = payload.release();

@@ -15,7 +15,10 @@ constexpr uint32_t cmi_response_magic = 0x434d4952;
 constexpr const char *fs_daemon_socket = "fs_daemon.sock";
 
 // Results that a daemon puts into its response.
-enum CmiResult : int32_t { cmi_ok = 0, cmi_no_such_record = 1 };
+enum CmiResult : int32_t { cmi_ok = 0, cmi_no_such_record = 1, cmi_refused = 2 };
+
+// Before a daemon closes the connection of a user whom it does not answer, it says so: a header
+// with the result cmi_refused, in which all else but the magic is 0.
 
 struct CmiHeader {
     uint32_t magic;

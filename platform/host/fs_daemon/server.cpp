@@ -31,6 +31,7 @@ constexpr std::size_t max_clients = 64;
 constexpr std::chrono::seconds tick_interval{1};
 constexpr std::chrono::milliseconds moves_interval{100};
 constexpr std::chrono::seconds report_interval{60};
+constexpr std::chrono::minutes refusal_interval{10};
 // A first scan may take as long as it needs, as long as it goes on.
 constexpr const char *scan_goes_on = "EXTEND_TIMEOUT_USEC=30000000";
 
@@ -329,6 +330,7 @@ void Server::accept_clients() {
         const std::optional<uid_t> user = peer_user(fd.get());
         if (!user || !is_trusted(*user, users_.agent)) {
             ++refused_;
+            refuse(fd.get(), user);
             continue;
         }
         if (clients_.size() == max_clients) {
@@ -338,6 +340,24 @@ void Server::accept_clients() {
         add(number);
         clients_.emplace(number, Client{std::move(fd), turns_});
     }
+}
+
+// Tells a client that its user is not answered, and the log whom to configure if that is the agent.
+void Server::refuse(int fd, std::optional<uid_t> user) {
+    CmiHeader header{};
+    header.magic = cmi_response_magic;
+    header.result = cmi_refused;
+    static_cast<void>(send(fd, &header, sizeof header, MSG_DONTWAIT | MSG_NOSIGNAL));
+    const Clock::time_point now = Clock::now();
+    std::erase_if(refusals_, [now](const auto &each) { return now >= each.second; });
+    if (!user || refusals_.size() == max_clients ||
+        !refusals_.emplace(*user, now + refusal_interval).second) {
+        return;
+    }
+    fprintf(stderr,
+            "fs_daemon: refuses user %s: if the agent is that user's, set [agent] user = \"%s\" in "
+            "%s and restart the daemon\n",
+            user_text(*user).c_str(), user_name(*user).c_str(), config_path().c_str());
 }
 
 // Makes room: a client that finds its connection closed makes a new one when it needs it.

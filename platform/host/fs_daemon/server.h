@@ -56,6 +56,7 @@ class Server {
     bool turn(bool busy);
     void tick();
     void accept_clients();
+    void refuse(int fd, std::optional<uid_t> user);
     void drop_idlest();
     bool serve(int fd);
     void report();
@@ -72,6 +73,7 @@ class Server {
     struct stat socket_file_ {}; // of the listener
     bool socket_lost_ = false;
     std::map<int, Client> clients_;
+    std::map<uid_t, Clock::time_point> refusals_; // that the log has, until they may be said again
     uint64_t turns_ = 0;
     std::optional<End> end_;
     bool accepting_ = true;

@@ -1,6 +1,7 @@
 // The ordered index container, on the standard library's ordered set.
 #include "ruma/ordset.h"
 
+#include "agent/presence.h"
 #include "config/config.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -9,9 +10,12 @@
 
 #include <chrono>
 #include <cinttypes>
+#include <dlfcn.h>
 #include <iterator>
+#include <map>
 #include <new>
 #include <set>
+#include <string_view>
 
 namespace {
 
@@ -28,16 +32,39 @@ Tree *tree_of(const ordset *set) {
     return set == nullptr ? nullptr : static_cast<Tree *>(set->tree);
 }
 
+// The module's tables, by the name of the procedure that orders them.
+struct Table {
+    std::string_view order;
+    const char *name;
+};
+
+constexpr Table tables[] = {
+    {"flashCopyEntry_comp_func", "the copy table"},
+    {"flashMiscOpEntry_comp_func", "the misc-operation table"},
+};
+
+const char *name_of(ordset_compare order) {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void *>(order), &info) != 0 && info.dli_sname != nullptr) {
+        for (const Table &table : tables) {
+            if (table.order == info.dli_sname)
+                return table.name;
+        }
+    }
+    return "a table";
+}
+
 // Whoever fills a table goes on when it is full: one line a minute tells enough.
-void log_limit(uint32_t limit) {
+void log_limit(ordset_compare order, uint32_t limit) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::minutes interval(1);
-    static Clock::time_point quiet_until;
+    static std::map<ordset_compare, Clock::time_point> quiet_until; // of few tables
     const Clock::time_point now = Clock::now();
-    if (now < quiet_until)
+    Clock::time_point &quiet = quiet_until[order];
+    if (now < quiet)
         return;
-    quiet_until = now + interval;
-    snmp_log(LOG_WARNING, "ruma: a table is full: max_rows is %" PRIu32 "\n", limit);
+    quiet = now + interval;
+    snmp_log(LOG_WARNING, "ruma: %s is full: max_rows is %" PRIu32 "\n", name_of(order), limit);
 }
 
 } // namespace
@@ -45,6 +72,7 @@ void log_limit(uint32_t limit) {
 extern "C" {
 
 int ordset_create(ordset *set, int, int, ordset_compare compare, int) {
+    ruma::miss_agent_module();
     if (set == nullptr)
         return -1;
     delete tree_of(set);
@@ -69,7 +97,7 @@ void *ordset_add(ordset *set, const void *key, void *object) {
     try {
         const uint32_t limit = ruma::config().max_rows;
         if (tree->size() >= limit) {
-            log_limit(limit);
+            log_limit(tree->key_comp().compare, limit);
             return nullptr;
         }
         return *tree->insert(object).first;

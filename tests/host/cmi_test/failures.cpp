@@ -2,6 +2,7 @@
 #include "fake_daemon.h"
 
 #include "cmi/cmi_wire.h"
+#include "cmi/daemon_state.h"
 #include "ruma/cmi.h"
 
 #include <atomic>
@@ -250,6 +251,29 @@ TEST(Cmi, ThreadsThatCallAtOnceEachGetTheirAnswer) {
     }
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(daemon.connections(), 1U);
+}
+
+TEST(Cmi, ARefusalByTheDaemonIsNoted) {
+    const std::string refusal =
+        packet({ruma::cmi_response_magic, 0, 0, 0, ruma::cmi_refused, 0}, {});
+    FakeDaemon daemon([&](const Seen &) { return std::vector<std::string>{refusal}; });
+    EXPECT_NE(ask().result, 0);
+    EXPECT_EQ(ruma::daemon_state(), ruma::DaemonState::refusing);
+}
+
+TEST(Cmi, TheStateOfTheDaemonIsWhatTheLastCallHasFound) {
+    {
+        FakeDaemon daemon(good);
+        EXPECT_EQ(ask().result, 0);
+        EXPECT_EQ(ruma::daemon_state(), ruma::DaemonState::up);
+        daemon.follow(silent);
+        EXPECT_NE(ask().result, 0);
+        EXPECT_EQ(ruma::daemon_state(), ruma::DaemonState::hung);
+    }
+    EXPECT_NE(ask().result, 0);
+    EXPECT_EQ(ruma::daemon_state(), ruma::DaemonState::down);
+    EXPECT_NEAR(static_cast<double>(ruma::daemon_state_since()),
+                static_cast<double>(std::time(nullptr)), 2);
 }
 
 TEST(Cmi, ACallThatCannotBeMadeIsRefused) {

@@ -7,6 +7,7 @@
 #include "provoked.h"
 #include "ruma/cmi.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -132,11 +133,38 @@ TEST_F(FsDaemon, OnlyTheConfiguredUserIsAnsweredBesideRootAndItself) {
         Client client(socket_path());
         return !client.connected() ? 3 : client.device(CMI_NEXT, 0) ? 1 : 2;
     };
+    const auto refused = [this] {
+        Client client(socket_path());
+        const std::string answer = client.receive();
+        ruma::CmiHeader header{};
+        std::memcpy(&header, answer.data(), std::min(answer.size(), sizeof header));
+        return answer.size() == sizeof header && header.magic == ruma::cmi_response_magic &&
+                       header.result == ruma::cmi_refused && header.tag == 0 &&
+                       client.receive().empty()
+                   ? 1
+                   : 2;
+    };
     EXPECT_EQ(answered(), 1);
     EXPECT_EQ(as_user(agent, answered), 1);
-    EXPECT_EQ(as_user(12345, answered), 2);
+    EXPECT_EQ(as_user(12345, refused), 1);
+    EXPECT_EQ(as_user(12345, refused), 1);
+    EXPECT_EQ(as_user(1, refused), 1);
     EXPECT_EQ(stop(), 0);
-    EXPECT_NE(errors().find("1 connections of other users refused"), std::string::npos) << errors();
+    EXPECT_NE(errors().find("3 connections of other users refused"), std::string::npos) << errors();
+    EXPECT_PROVOKED(errors(), "fs_daemon: refuses user …: if the agent is that user's, set [agent] "
+                              "user = \"…\" in … and restart the daemon");
+    // Once for each user.
+    const std::string advice = ": if the agent is that user's, set [agent] user = ";
+    const std::string path = base / "platform.toml";
+    const auto count = [this](const std::string &line) {
+        const std::string said = errors();
+        int found = 0;
+        for (auto at = said.find(line); at != said.npos; at = said.find(line, at + 1))
+            ++found;
+        return found;
+    };
+    EXPECT_EQ(count("fs_daemon: refuses user 12345" + advice + "\"12345\" in " + path), 1);
+    EXPECT_EQ(count("fs_daemon: refuses user 1 (daemon)" + advice + "\"daemon\" in " + path), 1);
 }
 
 // ---- With the agent's own client
