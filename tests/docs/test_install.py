@@ -1,7 +1,13 @@
-"""The commands of docs/install.md that lead from nothing to a copy. tests/packages runs them."""
+"""What docs/install.md says is what the packages bring. tests/packages runs its commands."""
 
-from documents import marked
+import re
 
+import pytest
+
+from documents import REPOSITORY, marked
+
+PACKAGING = REPOSITORY / "packaging"
+DOCUMENT = (REPOSITORY / "docs" / "install.md").read_text()
 FIRST_COPY = marked("docs/install.md", "first-copy")
 
 
@@ -15,3 +21,33 @@ def test_the_copy_is_begun_and_looked_at_as_an_snmpv3_user():
     tools = [line for line in FIRST_COPY if line.startswith("snmp")]
     assert [line.split()[0] for line in tools] == ["snmpset", "snmpget"]
     assert all("-v 3 -l authPriv" in line for line in tools)
+
+
+def directories():
+    """Path, mode, owner and group of the directories that the packages make for the platform."""
+    for line in (PACKAGING / "systemd/tmpfiles.d/orvex-flash-mib.conf").read_text().splitlines():
+        kind, path, mode, owner, group = (line.split() + [""] * 5)[:5]
+        if kind == "d" and re.match("/var/lib/ruma/|/run/ruma", path):
+            yield path, mode.lstrip("0"), owner, group
+
+
+@pytest.mark.parametrize("path, mode, owner, group", directories())
+def test_directory_is_described_as_it_is_made(path, mode, owner, group):
+    name = path.removeprefix("/var/lib/ruma/") if path.endswith(("slot0", "logflash")) else path
+    [row] = [line for line in DOCUMENT.splitlines() if line.startswith("|") and f"`{name}`" in line]
+    assert f"`{owner}`" in row and re.search(rf"\b0?{mode}\b", row)
+    assert group == owner or f"`{group}`" in row
+
+
+def drop_in(key):
+    text = (PACKAGING / "systemd/snmpd.service.d/orvex-flash.conf").read_text()
+    return " ".join(re.findall(rf"^{key}=(.*)$", text, re.MULTILINE))
+
+
+def test_limits_of_the_agents_service_are_those_of_its_drop_in():
+    changes = DOCUMENT.partition("### What changes for the agent")[2].partition("\n### ")[0]
+    for path in drop_in("ReadWritePaths").split():
+        assert f"`{path.lstrip('-')}`" in changes, path
+    assert f"{drop_in('MemoryMax').rstrip('M')} MiB" in changes
+    assert f"{drop_in('TasksMax')} tasks" in changes
+    assert f"`UMask={drop_in('UMask')}`" in changes
