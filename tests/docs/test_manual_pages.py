@@ -16,6 +16,7 @@ PAGES = sorted(MAN.glob("*.[1-8]"))
 PROGRAMS = {
     BUILD / "bin" / "fs_daemon": "fs_daemon.8",
     BUILD / "bin" / "ruma-trace": "ruma-trace.1",
+    BUILD / "bin" / "ruma-doctor": "ruma-doctor.1",
 }
 SCRIPTS = sorted((REPOSITORY / "platform" / "host" / "transfer").glob("*.expect"))
 

@@ -20,8 +20,9 @@ fail() {
 
 "$prefix/$sbin/fs_daemon" --version
 "$prefix/$bin/ruma-trace" --help >/dev/null
+"$prefix/$bin/ruma-doctor" --version
 own=$(readlink -f "$prefix/$lib/libruma_host.so")
-for file in "$sbin/fs_daemon" "$bin/ruma-trace" "$lib/ruma_agent.so" \
+for file in "$sbin/fs_daemon" "$bin/ruma-trace" "$bin/ruma-doctor" "$lib/ruma_agent.so" \
     "$lib/orvex_flash_mib.so"; do
     libraries=$(ldd "$prefix/$file")
     case $libraries in

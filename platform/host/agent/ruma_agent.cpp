@@ -331,6 +331,10 @@ extern "C" {
 __attribute__((visibility("default"))) void init_ruma_agent();
 __attribute__((visibility("default"))) void deinit_ruma_agent();
 
+// For whoever checks the installation.
+__attribute__((visibility("default"))) extern const char ruma_agent_version[];
+const char ruma_agent_version[] = RUMA_VERSION;
+
 void init_ruma_agent() {
     notice_order();
     register_access_checks();

@@ -1,0 +1,426 @@
+"""ruma-doctor: what it finds in an installation that is right, and in ones that are not."""
+
+import json
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+from harness import LIBRARIES, PROGRAMS, REPOSITORY, Process, wait_for
+
+USER = "nobody"
+DOCTOR = PROGRAMS / "ruma-doctor"
+BASE_MODULES = ("SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF")
+OK, WARNINGS, ERRORS, NOT_CHECKED = range(4)
+ROOT = ".1.3.6.1.4.1.32473.1"
+ACCESS = [
+    f"view flash included {ROOT}",
+    "group writers usm operator",
+    'access writers "" usm priv exact flash flash none',
+]
+
+
+def dlmods(*names):
+    return [f"dlmod {name} {LIBRARIES / name}.so" for name in names]
+
+
+class Patient:
+    """An installation, and the doctor who looks at it."""
+
+    def __init__(self, host):
+        self.host = host
+        self.state = host.state_dir
+        self.mibs = host.directory / "mibs"
+        self.snmpd = host.directory / "etc"
+        self.programs = host.directory / "programs"
+        self.user = USER
+        self.options = []
+        host.agent_user = USER
+        host.directory.chmod(0o755)
+        for directory in (self.mibs, self.snmpd, self.programs):
+            directory.mkdir(0o755)
+        self.state.chmod(0o700)
+        owned = (host.run_dir, host.work_dir, self.state)
+        for directory in (*owned, *map(host.flash, ("bootflash", "slot0", "logflash"))):
+            shutil.chown(directory, USER)
+        shutil.copy(REPOSITORY / "mibs" / "ORVEX-FLASH-MIB.txt", self.mibs)
+        for module in BASE_MODULES:
+            (self.mibs / f"{module}.txt").touch()
+        for name in ("sh", "cp", "timeout", "expect", "tnftp", "ssh", "scp", "sftp"):
+            (self.programs / name).symlink_to("/bin/true")
+        self.configure(dlmods("ruma_agent", "orvex_flash_mib") + ACCESS)
+
+    def configure(self, lines):
+        """The agent's configuration, as the doctor reads it: by way of an include."""
+        fragments = self.snmpd / "snmpd.conf.d"
+        fragments.mkdir(exist_ok=True)
+        (self.snmpd / "snmpd.conf").write_text(f"# main\nincludeDir {fragments}\n")
+        (fragments / "orvex-flash.conf").write_text("\n".join(lines) + "\n")
+
+    def run(self, *options):
+        host = self.host
+        command = [DOCTOR, "--user", self.user, "--snmpd-config", self.snmpd / "snmpd.conf"]
+        command += ["--snmpd-users", self.snmpd / "users", "--scripts", host.scripts]
+        command += ["--staging", host.work_dir, "--programs", self.programs]
+        command += ["--mib-directories", self.mibs, *self.options, *options]
+        return subprocess.run(
+            command, capture_output=True, text=True, env=host.environment, check=False, timeout=60
+        )
+
+    def examine(self):
+        """The exit status and the findings."""
+        ended = self.run("--json")
+        assert ended.stderr == ""
+        report = json.loads(ended.stdout)
+        assert report["user"] == self.user
+        assert report["status"] == ended.returncode
+        return ended.returncode, report["findings"]
+
+    def only(self, severity):
+        """The one finding above a note; it is of that severity, which the exit status tells."""
+        status, findings = self.examine()
+        [finding] = [each for each in findings if each["severity"] in ("warning", "error")]
+        assert finding["severity"] == severity
+        assert status == {"warning": WARNINGS, "error": ERRORS}[severity]
+        return finding
+
+
+@pytest.fixture(name="well")
+def fixture_well(idle_host):
+    """A right installation that runs."""
+    patient = Patient(idle_host)
+    (patient.snmpd / "users").write_text("")
+    idle_host.start()
+    return patient
+
+
+# --- All is well
+
+
+def test_right_installation_has_nothing_but_good_findings(well):
+    status, findings = well.examine()
+    assert {each["severity"] for each in findings} == {"ok"}, findings
+    assert status == OK
+    assert {each["check"] for each in findings} == {
+        *("configuration", "flash", "staging", "run", "state", "daemon", "agent", "modules"),
+        *("access", "mibs", "programs", "scripts", "kernel"),
+    }
+
+
+def test_findings_are_lines_with_a_severity(well):
+    ended = well.run()
+    assert ended.returncode == OK
+    assert f"ok: fs_daemon: answers user {USER} at " in ended.stdout
+    assert all(line.startswith("ok: ") for line in ended.stdout.splitlines())
+    assert well.run("--quiet").stdout == ""
+
+
+def test_findings_that_need_it_have_a_remedy_below(well):
+    (well.programs / "tnftp").unlink()
+    ended = well.run("--quiet")
+    assert ended.returncode == ERRORS
+    assert ended.stdout == (
+        "error: program tnftp: it is missing, for copies by FTP\n"
+        "    remedy: apt-get install tnftp\n"
+    )
+
+
+# --- Each finding, and its remedy
+
+
+def test_broken_configuration(well):
+    broken = well.host.directory / "broken.toml"
+    broken.write_text("[agent]\nusers = 1\n")
+    well.options = ["--config", broken]
+    _, findings = well.examine()
+    found = [each for each in findings if each["check"] == "configuration"]
+    assert found[0]["severity"] == "error"
+    assert f'{broken}:2: unknown key "users"' in found[0]["found"]
+    assert "correct the file" in found[0]["remedy"]
+
+
+def test_agents_user_that_is_not_configured(well):
+    text = well.host.configuration.read_text()
+    well.host.configuration.write_text(text.replace(f'user = "{USER}"', ""))
+    finding = well.only("warning")
+    assert finding["what"] == "configuration"
+    assert finding["remedy"].startswith(f'set [agent] user = "{USER}" in ')
+
+
+def test_missing_flash_directory(well):
+    path = well.host.flash("slot0")
+    path.rmdir()
+    finding = well.only("error")
+    assert finding["found"] == f"No such file or directory: {path}"
+    assert finding["remedy"].endswith(f"install -d -o {USER} -m 2750 {path}")
+
+
+def test_flash_directory_that_the_agent_cannot_write(well):
+    path = well.host.flash("slot0")
+    shutil.chown(path, "root")
+    finding = well.only("error")
+    assert f"the agent cannot write it: Permission denied: {path}" in finding["found"]
+    assert "owner root and mode 0755" in finding["found"]
+    subprocess.run(finding["remedy"], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+def test_flash_directory_that_the_daemon_cannot_read(well):
+    with open(well.host.configuration, "a", encoding="utf-8") as configuration:
+        configuration.write('[fs_daemon]\nuser = "daemon"\n')
+    well.host.flash("slot0").chmod(0o700)
+    finding = well.only("error")
+    assert "fs_daemon's user daemon cannot read it" in finding["found"]
+    assert "chgrp" in finding["remedy"]
+
+
+def test_flash_directory_that_others_can_write(well):
+    well.host.flash("slot0").chmod(0o777)
+    finding = well.only("warning")
+    assert "others than its owner can write" in finding["found"]
+    subprocess.run(finding["remedy"].split(" (")[0], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+@pytest.mark.parametrize("left, severity, found", [(0, "error", "no space"), (1, "warning", "1%")])
+def test_flash_directory_that_is_nearly_full(well, left, severity, found):
+    path = well.host.flash("slot0")
+    pages = 64
+    options = f"size={pages * 4096},mode=0755,uid=65534"
+    subprocess.run(["mount", "-t", "tmpfs", "-o", options, "none", path], check=True)
+    try:
+        (path / "file").write_bytes(bytes((pages - left) * 4096))
+        finding = well.only(severity)
+        assert found in finding["found"]
+        assert finding["remedy"] == f"delete files below {path}"
+    finally:
+        subprocess.run(["umount", "-l", path], check=True)
+
+
+def test_staging_directory_that_the_agent_cannot_write(well):
+    shutil.chown(well.host.work_dir, "root")
+    finding = well.only("error")
+    assert finding["what"] == "staging directory"
+    subprocess.run(finding["remedy"], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+def test_run_directory_that_others_can_write(well):
+    well.host.run_dir.chmod(0o777)
+    finding = well.only("error")
+    assert finding["what"] == "run directory"
+    subprocess.run(finding["remedy"], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+@pytest.mark.parametrize("fault", ["open", "missing"])
+def test_state_directory(well, fault):
+    if fault == "open":
+        well.state.chmod(0o755)
+    else:
+        shutil.rmtree(well.state)
+    finding = well.only("error")
+    assert finding["what"] == "state directory"
+    subprocess.run(finding["remedy"], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+def test_daemon_that_does_not_run(well):
+    well.host.daemon.stop()
+    finding = well.only("error")
+    assert finding["what"] == "fs_daemon"
+    assert finding["found"].startswith("is not running: nobody listens at ")
+    assert finding["remedy"].startswith("systemctl start orvex-flash-fsd")
+
+
+def test_daemon_that_hangs(well):
+    well.host.daemon.signal(signal.SIGSTOP)
+    finding = well.only("error")
+    assert finding["found"].startswith("does not answer at ")
+    assert finding["remedy"].startswith("systemctl restart orvex-flash-fsd")
+    well.host.daemon.signal(signal.SIGCONT)
+
+
+def test_daemon_that_refuses_the_agents_user(well):
+    well.host.daemon.stop()
+    text = well.host.configuration.read_text()
+    well.host.configuration.write_text(text.replace(f'user = "{USER}"', 'user = "daemon"'))
+    log = well.host.directory / "other.out"
+    shutil.chown(well.host.run_dir, "root")
+    other = Process([PROGRAMS / "fs_daemon"], log, well.host.directory, well.host.environment)
+    try:
+        wait_for(well.host.daemon_socket.exists, "the daemon listens")
+        _, findings = well.examine()
+        [finding] = [each for each in findings if each["check"] == "daemon"]
+        assert finding["found"] == f"refuses user {USER}"
+        assert finding["remedy"].startswith(f'set [agent] user = "{USER}" in ')
+    finally:
+        other.stop()
+
+
+def test_agent_that_does_not_run(well):
+    well.host.agent.stop()
+    finding = well.only("error")
+    assert finding["what"] == "agent"
+    assert finding["found"].startswith("no agent with ruma_agent runs: ")
+    assert finding["remedy"].startswith("systemctl restart snmpd")
+
+
+# --- The agent's configuration
+
+
+def test_wrong_order_of_modules(well):
+    well.configure(dlmods("orvex_flash_mib", "ruma_agent") + ACCESS)
+    finding = well.only("error")
+    assert finding["what"] == "order of modules"
+    assert "orvex-flash.conf:2) stands behind orvex_flash_mib (" in finding["found"]
+    assert finding["remedy"] == "put the dlmod line of ruma_agent first"
+
+
+@pytest.mark.parametrize("name", ["ruma_agent", "orvex_flash_mib"])
+def test_missing_dlmod_line(well, name):
+    [other] = {"ruma_agent", "orvex_flash_mib"} - {name}
+    well.configure(dlmods(other) + ACCESS)
+    finding = well.only("error")
+    assert (finding["what"], finding["found"]) == (f"module {name}", "no dlmod line loads it")
+    assert f"dlmod {name} /usr/lib/ruma/{name}.so" in finding["remedy"]
+
+
+def test_relative_path_of_a_module(well):
+    well.configure(dlmods("ruma_agent") + ["dlmod orvex_flash_mib orvex_flash_mib"] + ACCESS)
+    assert "is not absolute" in well.only("error")["found"]
+
+
+@pytest.mark.parametrize("content", [None, b"no object"])
+def test_module_that_cannot_be_loaded(well, content):
+    path = well.host.directory / "orvex_flash_mib.so"
+    if content is not None:
+        path.write_bytes(content)
+    well.configure(dlmods("ruma_agent") + [f"dlmod orvex_flash_mib {path}"] + ACCESS)
+    finding = well.only("error")
+    assert "it cannot be used" in finding["found"] and str(path) in finding["found"]
+    assert "orvex-flash-mib" in finding["remedy"]
+
+
+def test_module_of_another_version(well):
+    path = well.host.directory / "ruma_agent.so"
+    source = 'const char ruma_agent_version[] = "0.0.9";'
+    command = ["gcc", "-shared", "-fPIC", "-x", "c", "-o", path, "-"]
+    subprocess.run(command, input=source, text=True, check=True)
+    well.configure([f"dlmod ruma_agent {path}"] + dlmods("orvex_flash_mib") + ACCESS)
+    assert "its version is 0.0.9, that of ruma-doctor " in well.only("error")["found"]
+
+
+def test_configuration_that_the_agents_user_cannot_read_is_read_by_root(well):
+    (well.snmpd / "snmpd.conf").chmod(0o600)
+    assert well.examine()[0] == OK
+
+
+@pytest.mark.parametrize(
+    "lines",
+    [
+        ["rwcommunity secret"],
+        ["rwcommunity secret 127.0.0.1 .1.3.6"],
+        ["rwuser someone"],
+        ["rwuser someone auth"],
+        [f"view w included {ROOT}", "rwuser someone noauth -V w"],
+        ['access writers "" any noauth exact flash flash none'],
+    ],
+)
+def test_write_access_without_privacy(well, lines):
+    well.configure(dlmods("ruma_agent", "orvex_flash_mib") + ACCESS + lines)
+    finding = well.only("warning")
+    assert "writes the flash tables without privacy" in finding["found"]
+    assert "secret" not in str(finding)
+    assert "orvex-flash-setup" in finding["remedy"]
+
+
+@pytest.mark.parametrize(
+    "lines",
+    [
+        ["rwuser someone priv"],
+        ["rwcommunity secret 127.0.0.1 .1.3.6.1.2.1"],
+        ["view v included .1.3.6.1.2.1", "rwcommunity secret default -V v"],
+        ["rocommunity secret"],
+        ["view v included .1", f"view v excluded {ROOT}", "rwcommunity secret default -V v"],
+    ],
+)
+def test_access_that_is_as_it_should_be(well, lines):
+    well.configure(dlmods("ruma_agent", "orvex_flash_mib") + ACCESS + lines)
+    assert well.examine()[0] == OK
+
+
+def test_view_that_hides_the_tables(well):
+    lines = ["view systemonly included .1.3.6.1.2.1.1", "rocommunity public default -V systemonly"]
+    well.configure(dlmods("ruma_agent", "orvex_flash_mib") + lines)
+    finding = well.only("error")
+    assert finding["found"] == "nobody may read the flash tables"
+    assert "orvex-flash-setup" in finding["remedy"]
+
+
+def test_access_in_the_users_file_counts(well):
+    (well.snmpd / "users").write_text("rwuser someone noauth\n")
+    assert "without privacy" in well.only("warning")["found"]
+
+
+# --- Names, programs, scripts
+
+
+def test_missing_mib(well):
+    (well.mibs / "ORVEX-FLASH-MIB.txt").unlink()
+    assert well.only("warning")["what"] == "MIB"
+
+
+def test_missing_base_modules_are_a_note(well):
+    (well.mibs / "SNMPv2-TC.txt").unlink()
+    status, findings = well.examine()
+    [note] = [each for each in findings if each["severity"] == "note"]
+    assert status == OK
+    assert note["found"].startswith("missing: SNMPv2-TC;")
+    assert "snmpwalk -M " in note["remedy"]
+
+
+@pytest.mark.parametrize("name", ["sh", "cp", "timeout", "expect", "tnftp", "ssh", "scp", "sftp"])
+def test_missing_program(well, name):
+    (well.programs / name).unlink()
+    finding = well.only("error")
+    assert finding["what"] == f"program {name}"
+    assert finding["remedy"].startswith("apt-get install ")
+
+
+def test_script_that_cannot_be_run(well):
+    path = well.host.scripts / "scp.expect"
+    path.chmod(0o644)
+    finding = well.only("error")
+    assert finding["found"] == f"Permission denied: {path}"
+    subprocess.run(finding["remedy"], shell=True, check=True)
+    assert well.examine()[0] == OK
+
+
+def test_missing_script(well):
+    (well.host.scripts / "ssh.tcl").unlink()
+    finding = well.only("error")
+    assert finding["what"] == "script ssh.tcl"
+    assert finding["remedy"] == "install the package orvex-flash-mib again"
+
+
+# --- It cannot be checked
+
+
+def test_unknown_user(well):
+    well.user = "no-such-user"
+    ended = well.run()
+    assert ended.returncode == NOT_CHECKED
+    assert ended.stderr == "ruma-doctor: there is no user no-such-user\n"
+
+
+def test_unknown_option(well):
+    assert well.run("--nonsense").returncode == NOT_CHECKED
+
+
+def test_output_that_cannot_be_written(well):
+    with open("/dev/full", "wb") as full:
+        command = [DOCTOR, "--user", USER]
+        ended = subprocess.run(command, stdout=full, env=well.host.environment, check=False)
+    assert ended.returncode == NOT_CHECKED
