@@ -352,6 +352,15 @@ class Host:
 
     def start_agent(self) -> None:
         """Starts the agent and waits until it and the module answer."""
+        self.launch_agent()
+        wait_for(self._agent_answers, "the agent answers", timeout=10)
+        # Held open, so that the kernel gives the number of this namespace to no other.
+        self._namespaces.append(os.open(f"/proc/{self.agent.pid}/ns/mnt", os.O_RDONLY))
+        # The agent only logs that a module cannot be loaded.
+        assert "dlopen" not in self.agent_log.read_text(), self.logs()
+        assert self.value(SCALAR) == 1, f"the module does not answer\n{self.logs()}"
+
+    def launch_agent(self) -> None:
         self._write_configuration()
         self.write_agent_configuration()
         command = ["unshare", "--mount", "--propagation", "slave"]
@@ -364,15 +373,13 @@ class Host:
             # Opened again at a reload, by this user.
             self.agent_log.touch()
             shutil.chown(self.agent_log, self.agent_user)
-        command += [f"udp:{self.address}:{AGENT_PORT}"]
+        command += self._agent_place()
         environment = self.environment | self.agent_environment
         self.agent = Process(command, self.directory / "snmpd.out", self.work_dir, environment)
-        wait_for(self._agent_answers, "the agent answers", timeout=10)
-        # Held open, so that the kernel gives the number of this namespace to no other.
-        self._namespaces.append(os.open(f"/proc/{self.agent.pid}/ns/mnt", os.O_RDONLY))
-        # The agent only logs that a module cannot be loaded.
-        assert "dlopen" not in self.agent_log.read_text(), self.logs()
-        assert self.value(SCALAR) == 1, f"the module does not answer\n{self.logs()}"
+
+    def _agent_place(self) -> list:
+        """Where the agent is asked, as its command line says it."""
+        return [f"udp:{self.address}:{AGENT_PORT}"]
 
     def _agent_answers(self) -> bool:
         assert self.agent.running(), f"the agent has ended\n{self.logs()}"
