@@ -43,7 +43,7 @@ class AgentxHost(Host):
         super().start_agent()
 
     def _agent_place(self) -> list:
-        # Of its own MIBs, which the master has already, it needs the word "dlmod" alone.
+        # As the service's command line has it.
         return ["-X", "-I", "dlmod", "-x", self.agentx_socket]
 
     def _agent_answers(self) -> bool:

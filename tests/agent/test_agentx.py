@@ -1,7 +1,10 @@
 """The modules in a subagent of a stock master: what managers see, and what restarts do."""
 
 import random
+import re
+import shutil
 import signal
+from pathlib import Path
 
 import ber
 import pytest
@@ -10,13 +13,16 @@ import test_bad_input as bad_input
 from agentx import AgentxHost
 from conftest import check_after, prepare
 from harness import (
+    BUILD,
     CREATE_AND_WAIT,
     DEVICE,
     FILE,
     IN_PROGRESS,
     NOTIFICATION,
     PARTITION,
+    REPOSITORY,
     SCALAR,
+    SCHEMES,
     SUCCESS,
     SYS_UP_TIME,
     TRAP_PORT,
@@ -258,3 +264,58 @@ def test_a_request_too_large_for_agentx_costs_the_module_seconds_only(host):
     assert answer.error == ber.GEN_ERR
     served_again(host)
     assert host.value(SCALAR) == 1
+
+
+# --- As a service
+
+
+SERVICE = REPOSITORY / "packaging" / "systemd" / "orvex-flash-subagent.service"
+SETTINGS = dict(
+    line.split("=", 1) for line in SERVICE.read_text().splitlines() if re.match(r"\w+=", line)
+)
+
+
+def test_the_service_runs_what_is_tested_here(host):
+    words = Path(f"/proc/{host.agent.pid}/cmdline").read_text().split("\0")
+    started = SETTINGS["ExecStart"].split()
+    assert started[0] == "/usr/sbin/snmpd"
+    for option in (["-X"], ["-f"], ["-C"], ["-I", "dlmod"]):
+        for line in (words, started):
+            assert any(line[at : at + len(option)] == option for at in range(len(line))), option
+
+
+def test_the_service_leaves_the_state_of_the_master_alone():
+    name, _, directory = SETTINGS["Environment"].partition("=")
+    assert name == "SNMP_PERSISTENT_DIR"
+    assert SETTINGS["ExecStartPre"].split()[-1] == directory
+    assert not directory.startswith("/var/lib/snmp")
+
+
+def test_the_services_configuration_loads_both_modules_in_their_order(idle_host):
+    installed = (BUILD / "packaging" / "agentx" / "orvex-flash-subagent.conf").read_text()
+    loads = [line.split()[1:] for line in installed.splitlines() if line.startswith("dlmod ")]
+    assert [name for name, _ in loads] == ["ruma_agent", "orvex_flash_mib"]
+    others = [line for line in installed.splitlines() if line and line[0] != "#"]
+    idle_host.agent_directives = [line for line in others if not line.startswith("dlmod ")]
+    idle_host.start()
+    assert idle_host.value(SCALAR) == 1
+
+
+def test_it_connects_as_root_and_serves_and_reloads_as_another_user(idle_host):
+    idle_host.agent_user = "nobody"
+    for directory in (idle_host.run_dir, idle_host.state_dir, idle_host.work_dir):
+        shutil.chown(directory, "nobody")
+    for scheme in SCHEMES:
+        shutil.chown(idle_host.flash(scheme), "nobody")
+    idle_host.directory.chmod(0o755)
+    # As Debian's master makes it: for root alone.
+    idle_host.start()
+    assert idle_host.agentx_socket.stat().st_uid == 0
+    assert idle_host.agentx_socket.stat().st_mode & 0o022 == 0
+    assert "\nUid:\t65534\t65534\t" in Path(f"/proc/{idle_host.agent.pid}/status").read_text()
+    idle_host.reload_agent()
+    served_again(idle_host)
+    idle_host.start_atftpd()
+    (idle_host.server_dir / "image.bin").write_bytes(CONTENT)
+    assert idle_host.copy(7, **COPY) == SUCCESS
+    assert (idle_host.flash() / "image.bin").owner() == "nobody"
