@@ -17,6 +17,7 @@ PROGRAMS = {
     BUILD / "bin" / "fs_daemon": "fs_daemon.8",
     BUILD / "bin" / "ruma-trace": "ruma-trace.1",
     BUILD / "bin" / "ruma-doctor": "ruma-doctor.1",
+    REPOSITORY / "packaging" / "setup" / "orvex-flash-setup": "orvex-flash-setup.8",
 }
 SCRIPTS = sorted((REPOSITORY / "platform" / "host" / "transfer").glob("*.expect"))
 
@@ -60,7 +61,8 @@ def in_page(page):
 
 @pytest.mark.parametrize("program", PROGRAMS, ids=lambda program: program.name)
 def test_page_names_the_options_of_the_help(program):
-    assert in_page(MAN / PROGRAMS[program]) == in_help(program)
+    # A help need not name what it was asked for by.
+    assert in_page(MAN / PROGRAMS[program]) == in_help(program) | {"-h", "--help"}
 
 
 @pytest.mark.parametrize("script", SCRIPTS, ids=lambda script: script.name)
