@@ -251,6 +251,7 @@ class Host:
         self.modules = ("ruma_agent", "orvex_flash_mib")
         self.agent_settings = {}  # words of the platform configuration, as they stand in the file
         self.agent_environment = {}
+        self.trace_debug = True  # most tests read what the module traces
         self.agent = None
         self.daemon = None
         self._namespaces = []
@@ -297,6 +298,8 @@ class Host:
         if self.agent_user is not None:
             settings.setdefault("user", f'"{self.agent_user}"')
         tables.append("[agent]\n" + "".join(f"{key} = {settings[key]}\n" for key in settings))
+        if self.trace_debug:
+            tables.append("[trace]\ndebug = true\n")
         if self.core_directory is not None:
             tables.append(f'[core]\ndirectory = "{self.core_directory}"\n')
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
@@ -467,9 +470,9 @@ class Host:
         paths = [self.directory / name for name in names]
         return "\n".join(path.read_text(errors="replace") for path in paths if path.exists())
 
-    def trace(self) -> list:
+    def trace(self, *options) -> list:
         """The lines of the event history."""
-        command = [PROGRAMS / "ruma-trace"]
+        command = [PROGRAMS / "ruma-trace", *options]
         run = subprocess.run(
             command, capture_output=True, text=True, env=self.environment, check=False, timeout=30
         )

@@ -4,6 +4,7 @@
 #define EVWRAP_FIXTURE_H
 
 #include "evwrap/history.h"
+#include "evwrap/view.h"
 #include "ruma/evwrap.h"
 #include "temporary_directory.h"
 
@@ -20,18 +21,21 @@
 namespace {
 
 using ruma::EventHistory;
-using Access = EventHistory::Access;
+using ruma::HistoryAccess;
 
 constexpr uint32_t trace_id = 0x730000;
 constexpr auto patience = std::chrono::seconds(20);
 
-// The texts of all records, oldest first.
-inline std::vector<std::string> texts(const EventHistory &history) {
+// All records of a run directory's history, in order.
+inline std::vector<ruma::HistoryEvent> events_in(const std::string &directory) {
+    return in_order(ruma::HistoryView(directory).read());
+}
+
+// Their texts.
+inline std::vector<std::string> texts_in(const std::string &directory) {
     std::vector<std::string> result;
-    for (uint32_t i = ruma::history_slots; i > 0; i--) {
-        if (const auto event = history.read(history.next_ticket() - i))
-            result.push_back(event->text);
-    }
+    for (ruma::HistoryEvent &event : events_in(directory))
+        result.push_back(std::move(event.text));
     return result;
 }
 
@@ -51,6 +55,7 @@ class RunDirectory : public testing::Environment {
     void SetUp() override {
         directory = std::make_unique<TemporaryDirectory>();
         ASSERT_EQ(::setenv("RUMA_RUN_DIR", directory->path().c_str(), 1), 0);
+        ASSERT_EQ(::setenv("RUMA_CONFIG", (*directory / "platform.toml").c_str(), 1), 0);
         ASSERT_EQ(::setenv("TZ", "UTC", 1), 0);
         ::unsetenv("RUMA_DEBUG");
     }
@@ -63,14 +68,20 @@ const auto *const run_directory = testing::AddGlobalTestEnvironment(new RunDirec
 
 class EvwrapTest : public testing::Test {
   protected:
-    // Each test begins with an empty history and the switches as they are at first.
+    // Each test begins with an empty history that takes everything and prints nothing.
     void SetUp() override {
         evwrap_chk_int(101, 0, 0, 1); // opens it
-        history = std::make_unique<EventHistory>(RunDirectory::directory->path(), Access::control);
+        history = std::make_unique<EventHistory>(directory(), HistoryAccess::control);
         history->clear();
-        history->set_filter(ruma::filter_all);
-        history->set_debug(false);
+        history->set_switches(ruma::switches_recording, true);
+        history->set_switches(ruma::switch_printing, false);
     }
+
+    static std::string directory() { return RunDirectory::directory->path(); }
+
+    static std::vector<ruma::HistoryEvent> events() { return events_in(directory()); }
+
+    static std::vector<std::string> texts() { return texts_in(directory()); }
 
     static void record(const std::string &text, uint32_t subtype = 101) {
         std::string bytes(reinterpret_cast<const char *>(&subtype), sizeof(subtype));

@@ -24,23 +24,48 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-TEST_F(EvwrapTest, BothSubtypesAreTakenAndDebugPrintingIsOffAtFirst) {
-    EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 100), 0);
-    EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 101), 0);
-    EXPECT_EQ(evwrap_chk_int(101, 0, 0, 1), 0);
-    EXPECT_EQ(evwrap_chk_int(100, 0, 0, 1), 0);
+TEST_F(EvwrapTest, TheSwitchesDecideAtOnce) {
+    for (const bool errors : {false, true}) {
+        for (const bool debug : {false, true}) {
+            history->set_switches(ruma::switch_errors, errors);
+            history->set_switches(ruma::switch_debug, debug);
+            EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 100), errors);
+            EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 101), debug);
+            EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 7), debug);
+            EXPECT_EQ(evwrap_chk_int(101, 0, 0, 1), 0);
+        }
+    }
+    history->set_switches(ruma::switch_printing, true);
+    EXPECT_NE(evwrap_chk_int(101, 0, 0, 1), 0);
+    EXPECT_NE(evwrap_chk_int(100, 0, 0, 1), 0);
 }
 
-TEST_F(EvwrapTest, TheSwitchesDecide) {
-    history->set_filter(ruma::filter_error);
-    EXPECT_NE(evwrap_hist_event_subtype_check(trace_id, 100), 0);
-    EXPECT_EQ(evwrap_hist_event_subtype_check(trace_id, 101), 0);
-    history->set_debug(true);
-    EXPECT_NE(evwrap_chk_int(101, 0, 0, 1), 0);
+TEST_F(EvwrapTest, TheSwitchesReachARunningWorkerAtOnce) {
+    int looked[2];
+    int turned[2];
+    ASSERT_EQ(::pipe(looked), 0);
+    ASSERT_EQ(::pipe(turned), 0);
+    history->set_switches(ruma::switch_debug, false);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        char byte = 0;
+        const bool before = evwrap_hist_event_subtype_check(trace_id, 101) != 0;
+        const bool told = ::write(looked[1], &byte, 1) == 1 && ::read(turned[0], &byte, 1) == 1;
+        ::_exit(!before && told && evwrap_hist_event_subtype_check(trace_id, 101) != 0 ? 0 : 1);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(looked[0], &byte, 1), 1);
+    history->set_switches(ruma::switch_debug, true);
+    ASSERT_EQ(::write(turned[1], &byte, 1), 1);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    for (const int end : {looked[0], looked[1], turned[0], turned[1]})
+        ::close(end);
 }
 
 TEST_F(EvwrapTest, NothingIsTakenWhileThePlatformLooksByItself) {
-    history->set_debug(true);
+    history->set_switches(ruma::switch_printing, true);
     {
         const ruma::QuietTracing outer;
         const ruma::QuietTracing inner;
@@ -58,37 +83,37 @@ TEST_F(EvwrapTest, NothingIsTakenWhileThePlatformLooksByItself) {
 
 TEST_F(EvwrapTest, ARecordIsASubtypeAndAText) {
     record("a message\n", 100);
-    const auto event = history->read(history->next_ticket() - 1);
-    ASSERT_TRUE(event);
-    EXPECT_EQ(event->text, "a message\n");
-    EXPECT_EQ(event->subtype, 100u);
-    EXPECT_EQ(event->trace_id, trace_id);
+    const auto kept = events();
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(kept[0].text, "a message\n");
+    EXPECT_EQ(kept[0].subtype, 100u);
+    EXPECT_EQ(kept[0].trace_id, trace_id);
 }
 
 TEST_F(EvwrapTest, ARecordIsCopied) {
     char bytes[] = {101, 0, 0, 0, 'a', '\0'};
     evwrap_hist_event(trace_id, bytes, sizeof(bytes));
     bytes[4] = 'b';
-    EXPECT_THAT(texts(*history), ElementsAre("a"));
+    EXPECT_THAT(texts(), ElementsAre("a"));
 }
 
 TEST_F(EvwrapTest, ATextWithoutItsZeroEndsWithTheRecord) {
     const auto bytes = std::make_unique<char[]>(8); // its own allocation: an over-read is found
     std::memcpy(bytes.get(), "\x65\0\0\0text", 8);
     evwrap_hist_event(trace_id, bytes.get(), 8);
-    EXPECT_THAT(texts(*history), ElementsAre("text"));
+    EXPECT_THAT(texts(), ElementsAre("text"));
 }
 
 TEST_F(EvwrapTest, ATextEndsAtItsFirstZero) {
     evwrap_hist_event(trace_id, "\x65\0\0\0ab\0cd", 10);
-    EXPECT_THAT(texts(*history), ElementsAre("ab"));
+    EXPECT_THAT(texts(), ElementsAre("ab"));
 }
 
 TEST_F(EvwrapTest, RecordsWithoutASubtypeAreDropped) {
     evwrap_hist_event(trace_id, "\x65\0\0", 3);
     evwrap_hist_event(trace_id, nullptr, 100);
     evwrap_hist_event(trace_id, "", 0);
-    EXPECT_THAT(texts(*history), IsEmpty());
+    EXPECT_THAT(texts(), IsEmpty());
 }
 
 TEST_F(EvwrapTest, RecordingKeepsErrno) {
@@ -140,9 +165,9 @@ TEST_F(EvwrapTest, AForkedWorkerRecordsWithItsOwnProcessId) {
         ::_exit(0);
     }
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    const auto event = history->read(history->next_ticket() - 1);
-    ASSERT_TRUE(event);
-    EXPECT_EQ(event->pid, static_cast<uint32_t>(child));
+    const auto kept = events();
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(kept[0].pid, static_cast<uint32_t>(child));
 }
 
 // Processes that have not traced yet.
@@ -165,13 +190,39 @@ TEST_F(EvwrapStartTest, WithoutARunDirectoryTracingIsOffAndSaysSoOnce) {
         "^ruma: no event history: /nothing/here/event-history: No such file or directory\n$");
 }
 
+TEST_F(EvwrapStartTest, AProcessBeginsWithErrorsAloneWhateverWasTurnedOnBefore) {
+    EventHistory(RunDirectory::directory->path(), HistoryAccess::record)
+        .set_switches(ruma::switch_debug | ruma::switch_printing, true);
+    EXPECT_EXIT(std::exit(evwrap_hist_event_subtype_check(trace_id, 100) != 0 &&
+                                  evwrap_hist_event_subtype_check(trace_id, 101) == 0 &&
+                                  evwrap_chk_int(101, 0, 0, 1) == 0
+                              ? 0
+                              : 1),
+                testing::ExitedWithCode(0), "^$");
+}
+
+TEST_F(EvwrapStartTest, TheConfigurationTurnsDebugRecordingOn) {
+    EXPECT_EXIT(
+        {
+            write_file(std::getenv("RUMA_CONFIG"), "[trace]\ndebug = true\n");
+            const bool on = evwrap_hist_event_subtype_check(trace_id, 101) != 0;
+            std::filesystem::remove(std::getenv("RUMA_CONFIG"));
+            std::exit(on && evwrap_hist_event_subtype_check(trace_id, 100) != 0 &&
+                              evwrap_chk_int(101, 0, 0, 1) == 0
+                          ? 0
+                          : 1);
+        },
+        testing::ExitedWithCode(0), "^$");
+}
+
 TEST_F(EvwrapStartTest, TheEnvironmentTurnsDebugPrintingOnForItsProcess) {
     EXPECT_EXIT(
         {
             ::setenv("RUMA_DEBUG", "1", 1);
             const bool on = evwrap_chk_int(101, 0, 0, 1) != 0;
-            const EventHistory history(RunDirectory::directory->path(), Access::view);
-            std::exit(on && !history.debug() ? 0 : 1);
+            const uint32_t shared =
+                ruma::HistoryView(RunDirectory::directory->path()).read().switches;
+            std::exit(on && (shared & ruma::switch_printing) == 0 ? 0 : 1);
         },
         testing::ExitedWithCode(0), "^$");
 }

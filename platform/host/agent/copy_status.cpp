@@ -1,6 +1,7 @@
 #include "agent/copy_status.h"
 
 #include "evwrap/quiet.h"
+#include "evwrap/row.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
@@ -145,6 +146,8 @@ bool deliver_copy_status(pmb_message &message, const CopyModule &module) {
     if (snmp_callback_list(copy_status_major, copy_status_minor) == nullptr)
         return false;
     const int32_t index = payload_of(message).index;
+    const RowScope about(
+        {index == no_row ? RowTable::none : RowTable::copy, static_cast<uint32_t>(index)});
     flashCopyEntry row;
     const bool running = read_row(module, index, row) && row.copyStatus == copy_in_progress;
     snmp_call_callbacks(copy_status_major, copy_status_minor, &message);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -105,6 +106,27 @@ const Requester &requester() {
     return writer;
 }
 
+// A writable table: its entry's name, to which a column and the row are added.
+struct WritableTable {
+    ruma::RowTable table;
+    oid entry[13];
+};
+constexpr WritableTable writable_tables[] = {
+    {ruma::RowTable::copy, {1, 3, 6, 1, 4, 1, ORVEX_ENTERPRISE_NUMBER, 1, 1, 1, 2, 1, 1}},
+    {ruma::RowTable::misc_op, {1, 3, 6, 1, 4, 1, ORVEX_ENTERPRISE_NUMBER, 1, 1, 1, 2, 3, 1}},
+};
+constexpr int max_variables = 64;
+
+// The row of a writable table that a variable lies in; of no table where it is none of them.
+ruma::TracedRow row_of(const netsnmp_variable_list &variable) {
+    for (const auto &[table, entry] : writable_tables) {
+        if (variable.name_length == std::size(entry) + 2 &&
+            std::equal(std::begin(entry), std::end(entry), variable.name))
+            return {table, static_cast<uint32_t>(variable.name[std::size(entry) + 1])};
+    }
+    return {};
+}
+
 } // namespace
 
 namespace ruma {
@@ -114,6 +136,24 @@ void enter_request(const netsnmp_pdu &pdu) { fill(checked, pdu); }
 void leave_request() { checked = {}; }
 
 bool serving_request() { return requester().known; }
+
+TracedRow row_of_request() {
+    const netsnmp_agent_session *session = netsnmp_get_current_agent_session();
+    if (session == nullptr || session->pdu == nullptr)
+        return {};
+    TracedRow found;
+    int count = 0;
+    for (const auto *variable = session->pdu->variables; variable != nullptr;
+         variable = variable->next_variable) {
+        const TracedRow row = row_of(*variable);
+        const bool another = found.table != RowTable::none && !(row == found);
+        if (++count > max_variables || (row.table != RowTable::none && another))
+            return {};
+        if (row.table != RowTable::none)
+            found = row;
+    }
+    return found;
+}
 
 } // namespace ruma
 

@@ -2,6 +2,8 @@
 #ifndef RUMA_HOST_AGENT_REQUEST_H
 #define RUMA_HOST_AGENT_REQUEST_H
 
+#include "evwrap/row.h"
+
 #include <ruma/agent.h>
 
 namespace ruma {
@@ -15,6 +17,10 @@ void leave_request();
 
 // Whether the agent is serving a request.
 bool serving_request();
+
+// The row that the request names whose write method runs: of no table outside write methods, and
+// when the request names more than one row or more than 64 variables.
+TracedRow row_of_request();
 
 } // namespace ruma
 

@@ -14,6 +14,7 @@
 #include "base/peer.h"
 #include "base/run_directory.h"
 #include "config/config.h"
+#include "evwrap/row.h"
 #include "pmb/receiver.h"
 #include "report/transfer_report.h"
 
@@ -31,6 +32,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <pthread.h>
 #include <stdexcept>
 #include <system_error>
@@ -52,11 +54,11 @@ uint64_t unwanted; // status messages while no module was there to take them
 uint64_t logged;   // dropped messages that the log knows of
 bool log_alarm_pending;
 bool leave_alarm_pending;
-unsigned int retry_alarm; // 0 while none is registered
-unsigned int look_alarm;  // likewise
-bool starting;            // the fork under way is a worker's
-bool is_worker;           // this process is one
-int fork_error;           // of the last fork of a worker, if it has failed
+unsigned int retry_alarm;                // 0 while none is registered
+unsigned int look_alarm;                 // likewise
+std::optional<ruma::CopyStart> starting; // what the fork under way is the worker of
+bool is_worker;                          // this process is one
+int fork_error;                          // of the last fork of a worker, if it has failed
 
 uint64_t dropped() { return receiver.counters().dropped() + refused + strange + unwanted; }
 
@@ -163,19 +165,18 @@ void descriptor_is_readable(int, void *) { take_turn(); }
 
 // Runs in the process that forks, before the fork.
 void before_fork() {
-    starting = false;
+    starting.reset();
     // Only the agent's own thread serves requests.
     if (is_worker || gettid() != getpid())
         return;
     try {
         const ruma::CopyModule module = ruma::find_copy_module();
-        const auto start = workers.before_fork(module);
-        starting = start.has_value();
+        starting = workers.before_fork(module);
         if (!starting)
             return;
         look_after(std::chrono::microseconds(1)); // when the request is over
         flashCopyEntry row;
-        if (ruma::read_row(module, start->row, row))
+        if (ruma::read_row(module, starting->row, row))
             reports.started(row, get_snmp_username(0));
     } catch (const std::bad_alloc &) {
         snmp_log(LOG_ERR, "ruma_agent: no memory to watch a worker\n");
@@ -193,6 +194,7 @@ void after_fork_in_child() {
         return;
     is_worker = true;
     ruma::begin_transfer_report();
+    ruma::set_process_row({ruma::RowTable::copy, static_cast<uint32_t>(starting->row)});
 }
 
 void watch_workers() {
@@ -337,6 +339,7 @@ const char ruma_agent_version[] = RUMA_VERSION;
 
 void init_ruma_agent() {
     notice_order();
+    ruma::set_row_source(ruma::row_of_request);
     register_access_checks();
     watch_workers();
     // Reads the configuration while the agent still has the rights that it starts with, and makes

@@ -5,18 +5,24 @@
 #include "config/config.h"
 #include "evwrap/history.h"
 #include "evwrap/quiet.h"
+#include "evwrap/row.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <sys/time.h>
 #include <unistd.h>
 
 namespace {
+
+using ruma::HistoryWord;
 
 // Tracing must not disturb the error that is being traced.
 class KeepErrno {
@@ -30,30 +36,44 @@ class KeepErrno {
     int saved_;
 };
 
-struct Tracing {
-    std::optional<ruma::EventHistory> history;
-    bool debug = false; // whatever the history's switch says
-};
+constexpr uint32_t undecided = 1u << 31; // no switch of a history
+
+// What a process looks at before every message: at first a word that says nothing is known yet,
+// then the switches of its history, or one that is off.
+HistoryWord not_started{undecided};
+HistoryWord off{0};
+std::atomic<const HistoryWord *> switches{&not_started};
+uint32_t own_switches; // on for this process alone
+int quiet;             // while greater than 0, nobody wants to know
+std::optional<ruma::EventHistory> history;
 
 // Opens this process's tracing, or says once why there is none.
-Tracing start() {
+void start() {
     const KeepErrno keep;
-    Tracing tracing;
     const char *debug = std::getenv("RUMA_DEBUG");
-    tracing.debug = debug != nullptr && std::strcmp(debug, "1") == 0;
+    if (debug != nullptr && std::strcmp(debug, "1") == 0)
+        own_switches = ruma::switch_printing;
+    const HistoryWord *opened = &off;
     try {
-        tracing.history.emplace(ruma::run_dir(), ruma::EventHistory::Access::record);
+        const bool debug_too = ruma::config().trace_debug;
+        history.emplace(ruma::run_dir(), ruma::HistoryAccess::record);
+        history->configure(debug_too ? ruma::switches_recording : uint32_t{ruma::switch_errors});
+        opened = &history->switches();
     } catch (const std::exception &error) {
         std::fprintf(stderr, "ruma: no event history: %s\n", error.what());
     }
-    return tracing;
+    switches.store(opened, std::memory_order_release);
 }
 
-int quiet; // while greater than 0, nobody wants to know
-
-Tracing &tracing() {
-    static Tracing instance = start();
-    return instance;
+// Whether one of the switches of `mask` is on. Costs no more than a few loads.
+bool on(uint32_t mask) {
+    uint32_t now = switches.load(std::memory_order_acquire)->load(std::memory_order_relaxed);
+    if (__builtin_expect((now & undecided) != 0, 0)) {
+        static std::once_flag started;
+        std::call_once(started, start);
+        now = switches.load(std::memory_order_acquire)->load(std::memory_order_relaxed);
+    }
+    return ((now | own_switches) & mask) != 0 && quiet == 0;
 }
 
 void print_line(const char *module, const char *message) {
@@ -88,27 +108,22 @@ extern "C" {
 const char *const evwrap_dbg_modname = "flash";
 
 int evwrap_hist_event_subtype_check(uint32_t, uint32_t subtype) {
-    const auto &history = tracing().history;
-    return quiet == 0 && history && history->takes(subtype) ? 1 : 0;
+    return on(subtype == ruma::trace_error ? ruma::switch_errors : ruma::switch_debug) ? 1 : 0;
 }
 
 void evwrap_hist_event(uint32_t trace_id, const void *record, uint32_t length) {
-    auto &history = tracing().history;
     uint32_t subtype = 0;
+    on(0); // starts
     if (!history || record == nullptr || length < sizeof(subtype))
         return;
     const KeepErrno keep;
     std::memcpy(&subtype, record, sizeof(subtype));
     const char *text = static_cast<const char *>(record) + sizeof(subtype);
-    history->append(trace_id, subtype, {text, ::strnlen(text, length - sizeof(subtype))});
+    history->append(trace_id, subtype, ruma::traced_row(),
+                    {text, ::strnlen(text, length - sizeof(subtype))});
 }
 
-int evwrap_chk_int(int, int, int, int) {
-    if (quiet > 0)
-        return 0;
-    const Tracing &current = tracing();
-    return current.debug || (current.history && current.history->debug()) ? 1 : 0;
-}
+int evwrap_chk_int(int, int, int, int) { return on(ruma::switch_printing) ? 1 : 0; }
 
 void dbgout(int, const char *module, const char *format, va_list arguments) {
     const KeepErrno keep;

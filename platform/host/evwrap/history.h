@@ -1,90 +1,69 @@
-// The event history: a ring of trace records in a file that every process of the agent maps.
+// The event history as its writers have it: a file of rings that every process of the agent maps.
 //
 // Writers take a ticket each and never wait for one another, so that a writer that is killed holds
-// up nobody. A record carries its ticket and a checksum: what a killed or overtaken writer left
-// behind is recognised and not shown.
+// up nobody.
 #ifndef RUMA_HOST_HISTORY_H
 #define RUMA_HOST_HISTORY_H
 
-#include <cstddef>
+#include "evwrap/file.h"
+#include "evwrap/format.h"
+
+#include <atomic>
 #include <cstdint>
-#include <memory>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace ruma {
 
-// Subtypes of trace records.
-enum TraceLevel : uint32_t { trace_error = 100, trace_debug = 101 };
-
-// What the history takes; every subtype other than trace_error counts as debug.
-enum HistoryFilter : uint32_t {
-    filter_none = 0,
-    filter_error = 1,
-    filter_debug = 2,
-    filter_all = 3
+// What is done with a message. A subtype other than trace_error counts as debug.
+enum HistorySwitch : uint32_t {
+    switch_errors = 1,  // errors are recorded
+    switch_debug = 2,   // debug messages are recorded
+    switch_printing = 4 // debug messages are printed on standard error
 };
+constexpr uint32_t switches_recording = switch_errors | switch_debug;
 
-constexpr uint32_t history_slots = 2048;      // records that the history holds
-constexpr size_t history_text_capacity = 540; // bytes of a record's text; longer ones are cut
+using HistoryWord = std::atomic<uint32_t>;
+static_assert(HistoryWord::is_always_lock_free && sizeof(HistoryWord) == 4,
+              "words are shared by processes");
 
-// One record as read back.
-struct HistoryEvent {
-    int64_t seconds; // since the epoch
-    uint32_t nanoseconds;
-    uint32_t pid;
-    uint32_t trace_id;
-    uint32_t subtype;
-    std::string text;
-};
-
-// A history that cannot be used; what() says why.
-class HistoryError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-struct HistoryFile;
+// An error is counted, not recorded once more, when it is among this many errors before it, of the
+// same process, about the same row and with the same text: what is traced at every poll of a
+// station does not push out what happened once.
+constexpr uint32_t repeat_window = 16;
 
 // A mapped history. Copies share the mapping, which lasts as long as the process.
 class EventHistory {
   public:
-    enum class Access {
-        record,  // create the file when there is none, write records and switches
-        control, // existing file, write switches
-        view,    // existing file, read
-    };
+    // Maps the history of a run directory for HistoryAccess::record or control. Throws
+    // HistoryError.
+    EventHistory(const std::string &directory, HistoryAccess access);
 
-    // Maps the history of a run directory. The file must be a regular one, of this process's user
-    // and closed to others; root may also look at those of other users. Throws HistoryError.
-    EventHistory(const std::string &directory, Access access);
+    // Sets the switches as the configuration has them: what an agent that starts begins with.
+    void configure(uint32_t switches) noexcept;
 
-    bool takes(uint32_t subtype) const noexcept;
-    uint32_t filter() const noexcept;
-    void set_filter(uint32_t filter) noexcept;
-    bool debug() const noexcept;
-    void set_debug(bool on) noexcept;
+    // The word that holds the switches, for who looks at it before every message.
+    const HistoryWord &switches() const noexcept { return words_[header_switches]; }
 
-    // Adds a record, stamped with the time and the process id.
-    void append(uint32_t trace_id, uint32_t subtype, std::string_view text) noexcept;
+    // Turns the switches of `mask` on or off.
+    void set_switches(uint32_t mask, bool on) noexcept;
 
-    // The ticket that the next record will get. Tickets count up and wrap at 2^32.
-    uint32_t next_ticket() const noexcept;
+    // Turns the switches of `mask` to what the agent began with.
+    void reset_switches(uint32_t mask) noexcept;
 
-    // The record with this ticket, unless it was overwritten, cleared or never finished.
-    std::optional<HistoryEvent> read(uint32_t ticket) const;
+    // Adds a record, stamped with the time and the process id. Makes two system calls.
+    void append(uint32_t trace_id, uint32_t subtype, TracedRow row, std::string_view text) noexcept;
 
     // Wipes all records out.
     void clear() noexcept;
 
   private:
-    HistoryFile *file_;
-};
+    bool repeats(const HistoryRecord &record, size_t words) noexcept;
 
-// The path of a run directory's history.
-std::string history_path(const std::string &directory);
+    HistoryWord *words_;
+    uint32_t boot_;
+    uint32_t opened_; // uptime
+};
 
 } // namespace ruma
 
