@@ -115,17 +115,9 @@ TEST_F(WorkerTest, LeavesTheAgentInItsProcessGroup) {
 
 TEST_F(WorkerTest, HasNoDescriptorAboveTwoButThePipe) {
     const int high = fcntl(mypipe[0], F_DUPFD, 700);
-    const int low = open("/dev/null", O_RDONLY);
     ASSERT_GE(high, 700);
-    ASSERT_GE(low, 3);
-    run(request(1));
+    expect_only_the_pipe();
     ::close(high);
-    ::close(low);
-    ASSERT_EQ(shared->reached, 1);
-    std::vector<int> left(shared->open, shared->open + shared->open_count);
-    std::vector<int> pipe(std::begin(mypipe), std::end(mypipe));
-    std::sort(pipe.begin(), pipe.end());
-    EXPECT_EQ(left, pipe);
 }
 
 TEST_F(WorkerTest, LeavesTheAgentsDescriptorsOpen) {
@@ -171,17 +163,9 @@ class WorkerWithoutCloseRangeTest : public WorkerTest {
 
 TEST_F(WorkerWithoutCloseRangeTest, HasNoDescriptorAboveTwoButThePipe) {
     const int high = fcntl(mypipe[0], F_DUPFD, 1023);
-    const int low = open("/dev/null", O_RDONLY);
     ASSERT_EQ(high, 1023);
-    ASSERT_GE(low, 3);
-    run(request(1));
+    expect_only_the_pipe();
     ::close(high);
-    ::close(low);
-    ASSERT_EQ(shared->reached, 1);
-    std::vector<int> left(shared->open, shared->open + shared->open_count);
-    std::vector<int> pipe(std::begin(mypipe), std::end(mypipe));
-    std::sort(pipe.begin(), pipe.end());
-    EXPECT_EQ(left, pipe);
 }
 
 } // namespace

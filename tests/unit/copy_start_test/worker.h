@@ -2,6 +2,8 @@
 #ifndef UNIT_COPY_START_WORKER_H
 #define UNIT_COPY_START_WORKER_H
 
+#include "request.h"
+
 #include "fakes/fixture.h"
 
 #include "flash_trace.h"
@@ -20,6 +22,7 @@
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 extern "C" {
 pid_t __real_fork(void);
@@ -179,6 +182,19 @@ class WorkerTest : public fakes::FlashTest {
             }
             return __real_waitpid(-1, nullptr, WNOHANG) < 0;
         });
+    }
+
+    // A worker has no descriptor above 2 but the pipe's, whatever the agent has.
+    void expect_only_the_pipe() {
+        const int low = open("/dev/null", O_RDONLY);
+        ASSERT_GE(low, 3);
+        run(request(1));
+        ::close(low);
+        ASSERT_EQ(shared->reached, 1);
+        std::vector<int> left(shared->open, shared->open + shared->open_count);
+        std::vector<int> pipe(std::begin(mypipe), std::end(mypipe));
+        std::sort(pipe.begin(), pipe.end());
+        EXPECT_EQ(left, pipe);
     }
 
     Shared *shared = nullptr;

@@ -1,22 +1,14 @@
-// A row that may be copied, the verdict on it, and the messages of the rules.
+// A row that may be copied, and the messages of the rules.
 #ifndef UNIT_COPY_VALIDATION_VALIDATION_H
 #define UNIT_COPY_VALIDATION_VALIDATION_H
 
-#include "fakes/fixture.h"
+#include "fakes/copyable_row.h"
 
 #include "flash_trace.h"
-#include "flash_validate.h"
-
-#include <arpa/inet.h>
 
 namespace copy_validation {
 
 using namespace fakes;
-
-constexpr int32_t initial = flash::copyStatusInitial;
-constexpr int32_t active = flash::rowActive;
-constexpr int32_t not_ready = flash::rowNotReady;
-constexpr int32_t waiting = flash::rowCreateAndWait;
 
 // Row states other than active: as far as the rules go they are all one.
 constexpr int32_t inactive_states[] = {0, 2, 3, 4, 5};
@@ -25,33 +17,7 @@ constexpr int32_t inactive_states[] = {0, 2, 3, 4, 5};
 inline flashCopyEntry good_row(int32_t command = 1, int32_t protocol = 1, int32_t state = waiting) {
     platform().paths["bootflash:new"] = "/bootflash/new";
     platform().paths["bootflash:old"] = "/bootflash/old";
-    return fakes::copy_row([&](flashCopyEntry &r) {
-        r.index = 7;
-        r.command = command;
-        r.protocol = protocol;
-        r.serverAddress = inet_addr("10.1.2.3");
-        r.entryStatus = state;
-        fakes::put(r.sourceName, command == 3 ? "bootflash:old" : "remote.bin");
-        fakes::put(r.destinationName, command == 3 ? "kept.bin" : "bootflash:new");
-    });
-}
-
-struct Verdict {
-    int32_t result;
-    int32_t error;
-    int32_t copy_status;
-    int32_t entry_status;
-    bool operator==(const Verdict &) const = default;
-};
-inline std::ostream &operator<<(std::ostream &out, const Verdict &v) {
-    return out << "{result " << v.result << ", error " << v.error << ", copy status "
-               << v.copy_status << ", entry status " << v.entry_status << "}";
-}
-
-inline Verdict judge(flashCopyEntry &row) {
-    int32_t error = 4711;
-    const int32_t result = validate_flash_entry(&row, &error);
-    return {result, error, row.copyStatus, row.entryStatus};
+    return copyable_row(command, protocol, state);
 }
 
 // The messages of the rules alone, without those of the name resolution.

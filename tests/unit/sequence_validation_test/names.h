@@ -1,36 +1,15 @@
-// A row that may be copied, and what is said and asked about its names.
+// What is said and asked about its names.
 #ifndef UNIT_SEQUENCE_VALIDATION_NAMES_H
 #define UNIT_SEQUENCE_VALIDATION_NAMES_H
 
-#include "fakes/fixture.h"
+#include "fakes/copyable_row.h"
 #include "fakes/sequence.h"
 
-#include "flash_validate.h"
-
-#include <arpa/inet.h>
 #include <cerrno>
 
 namespace sequence_validation {
 
 using namespace fakes;
-
-constexpr int32_t active = flash::rowActive;
-constexpr int32_t waiting = flash::rowCreateAndWait;
-constexpr int32_t not_ready = flash::rowNotReady;
-constexpr int32_t initial = flash::copyStatusInitial;
-
-// A row that may be copied, once "bootflash:new" and "bootflash:old" resolve.
-inline flashCopyEntry good_row(int32_t command, int32_t protocol, int32_t state) {
-    return fakes::copy_row([&](flashCopyEntry &r) {
-        r.index = 7;
-        r.command = command;
-        r.protocol = protocol;
-        r.serverAddress = inet_addr("10.1.2.3");
-        r.entryStatus = state;
-        fakes::put(r.sourceName, command == 3 ? "bootflash:old" : "remote.bin");
-        fakes::put(r.destinationName, command == 3 ? "kept.bin" : "bootflash:new");
-    });
-}
 
 // What is said and asked about the names
 

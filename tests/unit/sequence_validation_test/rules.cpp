@@ -9,18 +9,6 @@ namespace {
 
 using namespace sequence_validation;
 
-struct Verdict {
-    int32_t result;
-    int32_t error;
-    int32_t copy_status;
-    int32_t entry_status;
-    bool operator==(const Verdict &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const Verdict &v) {
-    return out << "{result " << v.result << ", error " << v.error << ", copy status "
-               << v.copy_status << ", entry status " << v.entry_status << "}";
-}
-
 struct RuleCase {
     const char *name;
     Setting setting;
@@ -288,7 +276,7 @@ INSTANTIATE_TEST_SUITE_P(Rules, RuleSequenceTest, testing::ValuesIn(rule_cases),
 TEST_P(RuleSequenceTest, IsThis) {
     const RuleCase &one = GetParam();
     one.setting();
-    flashCopyEntry row = good_row(one.command, one.protocol, one.state);
+    flashCopyEntry row = copyable_row(one.command, one.protocol, one.state);
     if (one.change != nullptr)
         one.change(row);
     int32_t error = 4711;
@@ -305,7 +293,7 @@ TEST_F(RuleSequenceTest, AnErrorLogThatFailsChangesNothing) {
          {std::tuple{1, 6, joined({entering, destination_unresolved, bad_destination_logged})},
           {3, 5, joined({entering, source_unresolved, bad_source_logged})}}) {
         fakes::forget();
-        flashCopyEntry row = good_row(command, 1, active);
+        flashCopyEntry row = copyable_row(command, 1, active);
         int32_t error = 0;
         EXPECT_EQ(validate_flash_entry(&row, &error), 0);
         EXPECT_EQ(error, 5);

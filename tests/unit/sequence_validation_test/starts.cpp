@@ -47,14 +47,14 @@ const Lines read_back =
     joined({stored, {D("validate_n_start_flash_copy: status returned is 1\n")}});
 
 TEST_F(CopyStartSequenceTest, ACopyOfLineCardNvram) {
-    EXPECT_EQ(start(good_row(1, 2, waiting)), 0);
+    EXPECT_EQ(start(copyable_row(1, 2, waiting)), 0);
     expect_sequence({starting, line_card, stored});
     expect_stored(2, active);
 }
 
 TEST_F(CopyStartSequenceTest, ACopyOfLineCardNvramThatCannotBeStored) {
     platform().ordset_find.always(nullptr);
-    EXPECT_EQ(start(good_row(1, 2, waiting)), 5);
+    EXPECT_EQ(start(copyable_row(1, 2, waiting)), 5);
     expect_sequence({starting, line_card, copy_not_stored});
     platform().ordset_find.normal();
     expect_stored(initial, waiting);
@@ -62,27 +62,27 @@ TEST_F(CopyStartSequenceTest, ACopyOfLineCardNvramThatCannotBeStored) {
 
 TEST_F(CopyStartSequenceTest, ARefusedCopy) {
     all_resolve();
-    EXPECT_EQ(start(good_row(4, 1, active)), 10);
+    EXPECT_EQ(start(copyable_row(4, 1, active)), 10);
     expect_sequence({starting, entering, log_refused, failed, stored});
     expect_stored(3, active);
 }
 
 TEST_F(CopyStartSequenceTest, ACopyThatIsNotReady) {
-    EXPECT_EQ(start(good_row(1, 1, waiting)), 0);
+    EXPECT_EQ(start(copyable_row(1, 1, waiting)), 0);
     expect_sequence({starting, entering, destination_unresolved, failed, stored});
     expect_stored(initial, not_ready);
 }
 
 TEST_F(CopyStartSequenceTest, ARefusedCopyThatCannotBeStored) {
     platform().ordset_find.always(nullptr);
-    EXPECT_EQ(start(good_row(4, 1, active)), 5);
+    EXPECT_EQ(start(copyable_row(4, 1, active)), 5);
     expect_sequence({starting, entering, log_refused, failed, copy_not_stored});
 }
 
 TEST_F(CopyStartSequenceTest, ACopyThatStarts) {
     all_resolve();
     fakes::set_time(1000, 250000);
-    EXPECT_EQ(start(good_row(1, 1, waiting)), 0);
+    EXPECT_EQ(start(copyable_row(1, 1, waiting)), 0);
     expect_sequence({starting, entering, destination_new, ready, stored, forked, read_back});
     expect_stored(1, active);
 }
@@ -90,21 +90,21 @@ TEST_F(CopyStartSequenceTest, ACopyThatStarts) {
 TEST_F(CopyStartSequenceTest, ACopyThatCannotBeStored) {
     all_resolve();
     platform().ordset_find.always(nullptr);
-    EXPECT_EQ(start(good_row(3, 1, active)), 5);
+    EXPECT_EQ(start(copyable_row(3, 1, active)), 5);
     expect_sequence({starting, entering, source_resolved, ready, copy_not_stored});
 }
 
 TEST_F(CopyStartSequenceTest, ACopyThatCannotBeReadBack) {
     all_resolve();
     fakes::module().getFlashCopyEntry.returns(flash::noSuchRow);
-    EXPECT_EQ(start(good_row(3, 1, active)), 2);
+    EXPECT_EQ(start(copyable_row(3, 1, active)), 2);
     expect_sequence({starting, entering, source_resolved, ready, stored, forked});
 }
 
 TEST_F(CopyStartSequenceTest, ACopyWhoseForkFails) {
     all_resolve();
     os().fork.returns(-1, EAGAIN);
-    EXPECT_EQ(start(good_row(1, 1, active)), 0);
+    EXPECT_EQ(start(copyable_row(1, 1, active)), 0);
     expect_sequence({starting, entering, destination_new, ready, stored, forked, read_back});
     expect_stored(1, active);
 }
