@@ -221,6 +221,17 @@ def test_rows_and_copies_outlive_a_restart_of_the_master(host):
     assert host.finish_copy(7) == SUCCESS
 
 
+def test_a_refusal_is_reported_once_however_often_the_master_came_back(host):
+    """With each master the agent registers everything again."""
+    for _ in range(2):
+        host.master.stop()
+        host.start_master()
+        served_again(host)
+    assert host.set((f"{CopyColumn.ROW}.7", ber.integer(CREATE_AND_WAIT))) == ber.NO_ERROR
+    assert host.activate(7) == ber.INCONSISTENT_VALUE
+    assert [fields[1] for fields in host.error_log()] == ["0x4a030001"]
+
+
 def test_a_subagent_that_starts_first_waits_for_its_master(host):
     host.stop()
     host.start_daemon()

@@ -161,6 +161,9 @@ int registered(int, int, void *parameters, void *) {
     const Column *column = find_column(*registration->reginfo);
     if (column == nullptr)
         return 0;
+    // A subagent registers everything again with each master.
+    if (netsnmp_find_handler_by_name(registration->reginfo, column->handler) != nullptr)
+        return 0;
     netsnmp_mib_handler *handler = netsnmp_create_handler(column->handler, watch);
     if (handler != nullptr) {
         handler->myvoid = const_cast<Column *>(column); // neither cloned nor released
