@@ -12,8 +12,6 @@ namespace {
 
 using namespace fakes;
 
-// The pipe
-
 class PipeTest : public fakes::FlashTest {
   protected:
     void SetUp() override {

@@ -20,8 +20,6 @@ using namespace copy_start;
 // Counts the SIGTERM that a process gets.
 std::atomic<int> *terminations = nullptr;
 
-// Abort of a transfer under way
-
 class AbortedWorkerTest : public WorkerTest {
   protected:
     void SetUp() override {

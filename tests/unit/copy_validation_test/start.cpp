@@ -10,8 +10,6 @@ namespace {
 
 using namespace copy_validation;
 
-// Validation and start
-
 class StartTest : public fakes::FlashTest {
   protected:
     void SetUp() override {

@@ -10,8 +10,6 @@ namespace {
 
 using namespace row_status;
 
-// The misc-operation table
-
 class MiscOpRowStatus : public RowStatus<MiscOpTable> {
   protected:
     void SetUp() override {

@@ -9,8 +9,6 @@ namespace {
 
 using namespace row_tables;
 
-// Values
-
 class RowTableColumn : public RowTables, public testing::WithParamInterface<size_t> {
   protected:
     void SetUp() override {
