@@ -45,7 +45,7 @@ def provoked_by_python(tree):
             argument = node.args[0] if name == "provokes" else node.args[-1]
             if name in ("provokes", "provoked") and isinstance(argument, ast.Constant):
                 yield argument.value
-            elif name in ("provokes", "provoked") and isinstance(argument, ast.Name):
+            elif name in ("provokes", "provoked") and getattr(argument, "id", None) in texts:
                 yield texts[argument.id]
 
 

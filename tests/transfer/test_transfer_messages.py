@@ -63,37 +63,35 @@ def run_beside(client, tmp_path, protocol, stand_in, **options):
     return code, client.errors.decode()
 
 
+def provokes(message, *values):
+    """Values of a test that provoke a message."""
+    return pytest.param(*values, marks=pytest.mark.provokes(message))
+
+
 # --- What a client or a server says, and what the script makes of it
 
 SAID_BY_SSH = [
-    pytest.param("Host key verification failed.", REFUSED, "get",
-                 marks=pytest.mark.provokes("….expect: the server's host key has changed")),
-    pytest.param("u@127.0.0.1: Permission denied (password).", REFUSED, "get",
-                 marks=pytest.mark.provokes("….expect: the server refused the login")),
-    pytest.param('remote read "a": No space left on device', NO_SPACE, "get",
-                 marks=pytest.mark.provokes("….expect: no space for the destination")),
-    pytest.param('write remote "a": Failure', NO_SPACE, "put",
-                 marks=pytest.mark.provokes(
-                     "….expect: the server cannot write: most likely it is full")),
-    pytest.param("a: Cannot allocate memory", NO_SPACE, "get",
-                 marks=pytest.mark.provokes("….expect: no memory")),
-    pytest.param("a: Text file busy", BUSY, "put",
-                 marks=pytest.mark.provokes("….expect: the file is in use")),
-    pytest.param('open local "copy": Read-only file system', FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the destination cannot be written")),
-    pytest.param('stat remote "a": No such file or directory', NO_SOURCE, "get",
-                 marks=pytest.mark.provokes("….expect: no such remote file or directory")),
-    pytest.param('File "/home/u/a" not found.', NO_SOURCE, "get",
-                 marks=pytest.mark.provokes("….expect: no such remote file")),
-    pytest.param('open remote "a": Permission denied', FAILED, "get",
-                 marks=pytest.mark.provokes(
-                     "….expect: the server permits no access to the file")),
-    pytest.param("a: not a regular file", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the source is not a file")),
-    pytest.param("ssh: connect to host 127.0.0.1 port 22: Connection refused", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the server cannot be reached")),
-    pytest.param("something else", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the transfer failed")),
+    provokes("….expect: the server's host key has changed",
+             "Host key verification failed.", REFUSED, "get"),
+    provokes("….expect: the server refused the login",
+             "u@127.0.0.1: Permission denied (password).", REFUSED, "get"),
+    provokes("….expect: no space for the destination",
+             'remote read "a": No space left on device', NO_SPACE, "get"),
+    provokes("….expect: the server cannot write: most likely it is full",
+             'write remote "a": Failure', NO_SPACE, "put"),
+    provokes("….expect: no memory", "a: Cannot allocate memory", NO_SPACE, "get"),
+    provokes("….expect: the file is in use", "a: Text file busy", BUSY, "put"),
+    provokes("….expect: the destination cannot be written",
+             'open local "copy": Read-only file system', FAILED, "get"),
+    provokes("….expect: no such remote file or directory",
+             'stat remote "a": No such file or directory', NO_SOURCE, "get"),
+    provokes("….expect: no such remote file", 'File "/home/u/a" not found.', NO_SOURCE, "get"),
+    provokes("….expect: the server permits no access to the file",
+             'open remote "a": Permission denied', FAILED, "get"),
+    provokes("….expect: the source is not a file", "a: not a regular file", FAILED, "get"),
+    provokes("….expect: the server cannot be reached",
+             "ssh: connect to host 127.0.0.1 port 22: Connection refused", FAILED, "get"),
+    provokes("….expect: the transfer failed", "something else", FAILED, "get"),
 ]
 
 
@@ -105,19 +103,18 @@ def test_what_an_ssh_client_says_has_its_sentence(client, tmp_path, line, expect
 
 
 SAID_BY_FTP = [
-    pytest.param("---> RETR a\n421 Service not available, remote server has closed connection.",
-                 FAILED, "get", marks=pytest.mark.provokes("….expect: the connection broke")),
-    pytest.param("---> USER u\n421 There are too many connected users", BUSY, "get",
-                 marks=pytest.mark.provokes("….expect: the server has too many clients")),
-    pytest.param("---> RETR a\n553 Could not open file", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the server refused the transfer")),
-    pytest.param("tnftp: Can't connect to `127.0.0.1:21': Connection refused", FAILED, "get",
-                 marks=pytest.mark.provokes(
-                     "….expect: the connection or the local file failed")),
-    pytest.param("220 ready", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the transfer did not complete")),
-    pytest.param("---> SIZE a\n213 100\n---> RETR a\n226 Transfer complete.", FAILED, "get",
-                 marks=pytest.mark.provokes("….expect: the file arrived incomplete")),
+    provokes("….expect: the connection broke",
+             "---> RETR a\n421 Service not available, remote server has closed connection.",
+             FAILED, "get"),
+    provokes("….expect: the server has too many clients",
+             "---> USER u\n421 There are too many connected users", BUSY, "get"),
+    provokes("….expect: the server refused the transfer",
+             "---> RETR a\n553 Could not open file", FAILED, "get"),
+    provokes("….expect: the connection or the local file failed",
+             "tnftp: Can't connect to `127.0.0.1:21': Connection refused", FAILED, "get"),
+    provokes("….expect: the transfer did not complete", "220 ready", FAILED, "get"),
+    provokes("….expect: the file arrived incomplete",
+             "---> SIZE a\n213 100\n---> RETR a\n226 Transfer complete.", FAILED, "get"),
     pytest.param("---> PASS XXXX\n530 Login incorrect.", REFUSED, "get"),
     pytest.param("---> RETR a\n450 busy", BUSY, "get"),
     pytest.param("---> STOR a\n452 Insufficient space", NO_SPACE, "put"),
@@ -166,34 +163,24 @@ def test_a_script_that_is_asked_to_end_tells_it(client, tmp_path):
 # --- What a script refuses by itself
 
 REFUSED_ARGUMENTS = [
-    pytest.param(["sftp.expect", "-x", "u", "p", "get", "a", "/tmp/b", LIMIT],
-                 marks=pytest.mark.provokes("….expect: bad server")),
-    pytest.param(["sftp.expect", SERVER, "u", "p", "get", "a", "/tmp/b", "0"],
-                 marks=pytest.mark.provokes("….expect: bad time limit")),
-    pytest.param(["sftp.expect", SERVER, "u", "p", "get", "a\n", "/tmp/b", LIMIT],
-                 marks=pytest.mark.provokes("….expect: bad name")),
-    pytest.param(["sftp.expect", SERVER, "u", "p\n", "get", "a", "/tmp/b", LIMIT],
-                 marks=pytest.mark.provokes("….expect: bad password")),
-    pytest.param(["sftp.expect", SERVER],
-                 marks=pytest.mark.provokes(
-                     "sftp.expect: usage: SERVER USER PASSWORD get|put SOURCE DESTINATION SECONDS"
-                 )),
-    pytest.param(["snmp.ftp.expect", SERVER],
-                 marks=pytest.mark.provokes(
-                     "snmp.ftp.expect: usage: SERVER SOURCE DESTINATION USER PASSWORD get|put "
-                     "SECONDS"
-                 )),
-    pytest.param(["scp.expect", SERVER],
-                 marks=pytest.mark.provokes(
-                     "scp.expect: usage: SOURCE DESTINATION PASSWORD 2 SECONDS, one name "
-                     "USER@SERVER:NAME"
-                 )),
-    pytest.param(["scp.expect", "a", "b", "p", "2", LIMIT],
-                 marks=pytest.mark.provokes(
-                     "scp.expect: one name must be USER@SERVER:NAME, the other an absolute path"
-                 )),
-    pytest.param(["sftp.expect", SERVER, "u", "p", "get", "a" * 32768, "/tmp/b", LIMIT],
-                 marks=pytest.mark.provokes("….expect: arguments too long")),
+    provokes("….expect: bad server",
+             ["sftp.expect", "-x", "u", "p", "get", "a", "/tmp/b", LIMIT]),
+    provokes("….expect: bad time limit",
+             ["sftp.expect", SERVER, "u", "p", "get", "a", "/tmp/b", "0"]),
+    provokes("….expect: bad name",
+             ["sftp.expect", SERVER, "u", "p", "get", "a\n", "/tmp/b", LIMIT]),
+    provokes("….expect: bad password",
+             ["sftp.expect", SERVER, "u", "p\n", "get", "a", "/tmp/b", LIMIT]),
+    provokes("sftp.expect: usage: SERVER USER PASSWORD get|put SOURCE DESTINATION SECONDS",
+             ["sftp.expect", SERVER]),
+    provokes("snmp.ftp.expect: usage: SERVER SOURCE DESTINATION USER PASSWORD get|put SECONDS",
+             ["snmp.ftp.expect", SERVER]),
+    provokes("scp.expect: usage: SOURCE DESTINATION PASSWORD 2 SECONDS, one name USER@SERVER:NAME",
+             ["scp.expect", SERVER]),
+    provokes("scp.expect: one name must be USER@SERVER:NAME, the other an absolute path",
+             ["scp.expect", "a", "b", "p", "2", LIMIT]),
+    provokes("….expect: arguments too long",
+             ["sftp.expect", SERVER, "u", "p", "get", "a" * 32768, "/tmp/b", LIMIT]),
 ]
 
 
