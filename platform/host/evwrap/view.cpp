@@ -18,10 +18,10 @@ constexpr uint32_t most_writers = 8; // processes that are in the middle of a re
 constexpr auto never = HistoryNews::Clock::time_point::max();
 
 void sort_by_sequence(std::vector<HistoryEvent> &events, uint32_t next_sequence) {
-    std::stable_sort(events.begin(), events.end(),
-                     [next_sequence](const HistoryEvent &a, const HistoryEvent &b) {
-                         return next_sequence - a.sequence > next_sequence - b.sequence;
-                     });
+    std::sort(events.begin(), events.end(),
+              [next_sequence](const HistoryEvent &a, const HistoryEvent &b) {
+                  return next_sequence - a.sequence > next_sequence - b.sequence;
+              });
 }
 
 } // namespace
