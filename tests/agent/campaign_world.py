@@ -152,8 +152,8 @@ class Servers:
 class Device(Host):
     """The device that a campaign uses."""
 
-    WRITABLE = ("run", "work", "server", "persistent", *SCHEMES)
-    CHANGING = ("snmpd.log", "snmpd.out", "snmpd.pid", "fs_daemon.out", "var-tmp/intsyslog")
+    WRITABLE = ("run", "state", "work", "server", "temporary", "persistent", *SCHEMES)
+    CHANGING = ("log/snmpd.log", "snmpd.out", "snmpd.pid", "fs_daemon.out", "var-tmp/intsyslog")
 
     def __init__(self):
         super().__init__()

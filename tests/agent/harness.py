@@ -239,8 +239,10 @@ class Host:
         self.state_dir = self.directory / "state"
         self.work_dir = self.directory / "work"
         self.server_dir = self.directory / "server"
+        self.temporary_dir = self.directory / "temporary"
+        own = (self.run_dir, self.state_dir, self.work_dir, self.server_dir, self.temporary_dir)
         # Whatever the umask, nobody but the owner may write them.
-        for directory in (self.run_dir, self.state_dir, self.work_dir, self.server_dir):
+        for directory in (*own, self.agent_log.parent):
             directory.mkdir(0o755)
         for scheme in SCHEMES:
             self.flash(scheme).mkdir(0o755)
@@ -250,8 +252,10 @@ class Host:
         self.agent_user = None  # root
         self.modules = ("ruma_agent", "orvex_flash_mib")
         self.agent_settings = {}  # words of the platform configuration, as they stand in the file
+        self.pid_file = self.directory / "snmpd.pid"
         self.agent_environment = {}
         self.trace_debug = True  # most tests read what the module traces
+        self.agent_launcher = []  # a command that becomes the agent
         self.agent = None
         self.daemon = None
         self._namespaces = []
@@ -294,12 +298,13 @@ class Host:
             f'description = "Test {scheme}"\n'
             for scheme in SCHEMES
         ]
-        settings = dict(self.agent_settings)
+        settings = {"confine": "true"} | self.agent_settings
         if self.agent_user is not None:
             settings.setdefault("user", f'"{self.agent_user}"')
         tables.append("[agent]\n" + "".join(f"{key} = {settings[key]}\n" for key in settings))
         if self.trace_debug:
             tables.append("[trace]\ndebug = true\n")
+        tables.append("[fs_daemon]\nconfine = true\n")
         if self.core_directory is not None:
             tables.append(f'[core]\ndirectory = "{self.core_directory}"\n')
         self.configuration.write_text("\n".join(tables), encoding="utf-8")
@@ -323,7 +328,7 @@ class Host:
 
     @property
     def agent_log(self) -> Path:
-        return self.directory / "snmpd.log"
+        return self.directory / "log" / "snmpd.log"
 
     @property
     def environment(self) -> dict:
@@ -344,6 +349,8 @@ class Host:
 
     def write_agent_configuration(self, modules=True) -> None:
         lines = [f"rwcommunity {COMMUNITY} 127.0.0.0/8", "dontLogTCPWrappersConnects yes"]
+        # A confined agent may write where these files are, and all hosts are in the usual directory.
+        lines += [f"[snmp] tempFilePattern {self.temporary_dir}/snmpdXXXXXX"]
         lines += self.agent_directives
         if modules:
             lines += [f"dlmod {name} {LIBRARIES / name}.so" for name in self.modules]
@@ -368,9 +375,10 @@ class Host:
         self.write_agent_configuration()
         command = ["unshare", "--mount", "--propagation", "slave"]
         command += ["/bin/sh", "-c", IN_PLACE, "sh", self.directory]
-        command += ["/usr/sbin/snmpd", "-f", "-C", "-c", self.agent_configuration]
+        command += [*self.agent_launcher, "/usr/sbin/snmpd", "-f"]
+        command += ["-C", "-c", self.agent_configuration]
         # SMUX would bind a port that all agents of a machine share.
-        command += ["-I", "-smux", "-Lf", self.agent_log, "-p", self.directory / "snmpd.pid"]
+        command += ["-I", "-smux", "-Lf", self.agent_log, "-p", self.pid_file]
         if self.agent_user is not None:
             command += ["-u", self.agent_user]
             # Opened again at a reload, by this user.
@@ -455,7 +463,7 @@ class Host:
 
     def logs(self) -> str:
         """What the agent and the daemon have said, for the report of a failed test."""
-        names = ("snmpd.log", "snmpd.out", "fs_daemon.out")
+        names = ("log/snmpd.log", "snmpd.out", "fs_daemon.out")
         paths = [self.directory / name for name in names]
         texts = [
             f"--- {path.name}\n{path.read_text(errors='replace')[-6000:]}"
@@ -466,7 +474,7 @@ class Host:
 
     def said(self) -> str:
         """Everything that the agent and the daemon have said."""
-        names = ("snmpd.log", "snmpd.out", "fs_daemon.out", "run/snmp-errors.log")
+        names = ("log/snmpd.log", "snmpd.out", "fs_daemon.out", "run/snmp-errors.log")
         paths = [self.directory / name for name in names]
         return "\n".join(path.read_text(errors="replace") for path in paths if path.exists())
 

@@ -18,15 +18,14 @@ from harness import (
     processes,
     wait_for,
 )
-from remotes import SCRIPT_NAMES, SCRIPTED, HeldCopy
+from remotes import SCRIPTED, HeldCopy
 
 ROW = HeldCopy.ROW
 # What is left of a transfer must be gone by then.
 BOUND = 2
-# A script under another name, with a time limit that a test can wait for.
-SHORT_LIMIT = """#!/bin/bash
-exec "${0%/*}/unlimited/${0##*/}" "${@:1:$#-1}" 3
-"""
+# What the scripts take for their arguments, and that with a time limit that a test can wait for.
+ARGUMENTS = "return [lrange [split [read stdin [gets stdin]] \\0] 0 end-1]"
+SHORT_LIMIT = ARGUMENTS.replace("[lrange", "[list {*}[lrange").replace("end-1]", "end-2] 3]")
 
 
 def row_status(host):
@@ -34,14 +33,10 @@ def row_status(host):
 
 
 def limit_scripts(host):
-    unlimited = host.scripts / "unlimited"
-    unlimited.mkdir()
-    for path in list(host.scripts.iterdir()):
-        if path.is_file():
-            path.rename(unlimited / path.name)
-    for name in SCRIPT_NAMES.values():
-        (host.scripts / name).write_text(SHORT_LIMIT, encoding="ascii")
-        (host.scripts / name).chmod(0o755)
+    shared = host.scripts / "transfer.tcl"
+    text = shared.read_text(encoding="utf-8")
+    assert ARGUMENTS in text
+    shared.write_text(text.replace(ARGUMENTS, SHORT_LIMIT), encoding="utf-8")
 
 
 # --- Abort

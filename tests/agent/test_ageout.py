@@ -40,6 +40,8 @@ class Clock:
         self._host = host
         self._offset = host.directory / "clock"
         self.advance_to(0)
+        # What a worker starts shares memory with this library, in a directory that is not the worker's.
+        host.agent_settings["confine"] = "false"
         host.agent_environment = {
             "LD_PRELOAD": str(library),
             "FAKETIME_TIMESTAMP_FILE": str(self._offset),

@@ -333,17 +333,33 @@ def test_worker_that_is_stopped_after_its_message_does_not_hold_the_agent_up(idl
     assert process_state(worker) is None
 
 
-@pytest.mark.parametrize("taken", ["message_socket", "run_dir"])
-@pytest.mark.provokes("ruma_agent: the message socket has gone and is made again")
-def test_copy_is_recorded_after_the_message_socket_was_taken_away(host, taken):
+def take_away(host, taken):
+    """In mid-copy; the agent makes its socket again, and the copy is recorded."""
     server = start_held_copy(host)
-    away = host.directory / "away"
-    getattr(host, taken).rename(away)
+    taken.rename(host.directory / "away")
     wait_for(host.message_socket.exists, "the agent makes its socket again")
     assert "the message socket has gone and is made again" in host.agent_log.read_text()
     server.release()
     assert host.finish_copy(7) == SUCCESS
 
+
+@pytest.mark.provokes("ruma_agent: the message socket has gone and is made again")
+def test_copy_is_recorded_after_the_message_socket_was_taken_away(host):
+    take_away(host, host.message_socket)
+
+
+def test_copy_is_recorded_after_the_run_directory_was_taken_away(idle_host):
+    idle_host.agent_settings["confine"] = "false"
+    idle_host.start()
+    take_away(idle_host, idle_host.run_dir)
+
+
+def test_confined_agent_makes_no_run_directory_and_says_so(host):
+    """It may write in the one that it started with."""
+    host.run_dir.rename(host.directory / "away")
+    line = f"cannot receive messages yet: {host.run_dir}: Permission denied"
+    wait_for(lambda: line in host.agent_log.read_text(), "the agent says so")
+    assert not host.run_dir.exists()
 
 
 @pytest.mark.parametrize(

@@ -38,11 +38,11 @@ ROW = HeldCopy.ROW
 HELD = [(protocol, verb) for protocol in PROTOCOLS for verb in ("get", "put")]
 # What is left of a transfer must be gone by then: a second's grace, and time to see it.
 BOUND = 3
-# In place of a transfer: tells its process group, which is its worker, under the source's name.
+# In place of a transfer: tells its process group, which is its worker, under the source's name in the
+# working directory. A confined worker may do as much.
 STAND_IN = """#!/bin/sh
 read -r _ _ _ _ group _ < /proc/$$/stat
-echo $group > "${0%/*}/${1##*:}.new"
-mv "${0%/*}/${1##*:}.new" "${0%/*}/${1##*:}"
+echo $group > "${1##*:}"
 exec sleep 1000
 """
 STUBBORN = STAND_IN.replace("read", "trap '' TERM\nread", 1)
@@ -51,7 +51,7 @@ TFTP_COPY = {"protocol": TFTP, "source": "image.bin", "destination": "bootflash:
 
 
 def reporting(host):
-    host.agent_settings = {"report_lost_workers": "true"}
+    host.agent_settings["report_lost_workers"] = "true"
     host.agent_directives = [f"trap2sink {host.address}:{TRAP_PORT} test"]
 
 
@@ -116,9 +116,9 @@ def columns_of(row):
 
 def stand_in_worker(host, row):
     """The worker of a row that a stand-in serves."""
-    name = host.scripts / f"source{row}"
-    wait_for(name.exists, "the stand-in runs")
-    worker = int(name.read_text())
+    name = host.work_dir / f"source{row}"
+    told = wait_for(lambda: name.exists() and name.read_text(), "the stand-in runs")
+    worker = int(told)
     name.unlink()
     assert worker in live_children(host.agent.pid)
     return worker

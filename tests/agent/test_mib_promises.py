@@ -199,10 +199,10 @@ def test_default_server_address_counts_as_given_and_is_sent_to(host):
         "its copy is sent to that address",
     )
     script = host.scripts / SCRIPT_NAMES["ftp"]
-    script.write_text(f"#!/bin/sh\necho \"$1\" >'{host.directory}/argument'\n")
+    script.write_text('#!/bin/sh\necho "$1" >argument\n')
     columns = dict(source="image.bin", destination="bootflash:image.bin", user="u")
     assert host.copy(5, server=None, protocol=FTP, **columns) == SUCCESS
-    assert (host.directory / "argument").read_text() == "255.255.255.255\n"
+    assert (host.work_dir / "argument").read_text() == "255.255.255.255\n"
 
 
 @pytest.mark.parametrize("protocol", SCRIPTED)

@@ -1,5 +1,6 @@
 // The agent module in an agent of one process: this one.
 #include "config/config.h"
+#include "kernel.h"
 #include "pmb/message.h"
 #include "provoked.h"
 #include "temporary_directory.h"
@@ -243,6 +244,76 @@ TEST_F(RumaAgent, ReportsAnAgentUserWhoDoesNotExist) {
         check(logged("there is no user no-such-user") == 1, "the reason is logged");
         check(!receives(), "nothing is received");
     });
+}
+
+class ConfinedAgent : public RumaAgent {
+  protected:
+    void SetUp() override {
+        RumaAgent::SetUp();
+        write_file(directory / "platform.toml", "[agent]\nuser = \"nobody\"\nconfine = true\n");
+        fs::create_directory(directory / "state");
+        fs::create_directory(directory / "work");
+        setenv("RUMA_STATE_DIR", (directory / "work").c_str(), 1);
+    }
+
+    // Everything that `body` checks must hold of an agent that has come to its loop.
+    void expect_in_loop(const std::function<void()> &before, const std::function<void()> &body) {
+        expect_of_a_process([&] {
+            fs::current_path(directory / "work");
+            before();
+            load();
+            check(!confined(), "it waits until it is in its loop");
+            run_due_alarms_once();
+            check(confined(), "it is confined");
+            init(); // as after SIGHUP
+            run_due_alarms_once();
+            check(logged("confined by Landlock") == 1, "once");
+            body();
+        });
+    }
+
+    // The log lies in the directory, where the agent may make files therefore.
+    bool confined() const {
+        const std::string name = directory / "elsewhere";
+        return mkdirat(AT_FDCWD, name.c_str(), 0700) != 0 ? errno == EACCES
+                                                          : rmdir(name.c_str()) != 0;
+    }
+};
+
+TEST_F(ConfinedAgent, IsConfinedInItsLoopAndOnlyOnce) {
+    expect_in_loop([] {}, [this] { check(logged("root directory") == 0, "nothing is skipped"); });
+}
+
+TEST_F(ConfinedAgent, SaysThatNothingCanBeStagedInTheRootDirectory) {
+    expect_in_loop([] { fs::current_path("/"); },
+                   [this] { check(logged("root directory") == 1, "the log says so"); });
+    EXPECT_PROVOKED(read_file(directory / "agent.log"),
+                    "ruma_agent: \"…\" is the root directory, to which a confined agent may not "
+                    "write");
+}
+
+TEST_F(ConfinedAgent, SaysWhatItsKernelLeavesOpen) {
+    expect_in_loop([] { claimed_landlock = 2; },
+                   [this] { check(logged("truncating files") == 1, "the log says so"); });
+    EXPECT_PROVOKED(read_file(directory / "agent.log"),
+                    "ruma_agent: this kernel's Landlock leaves open to workers: …");
+}
+
+TEST_F(ConfinedAgent, SaysThatItsOtherThreadsAreNotConfined) {
+    const auto start_thread = [] {
+        pthread_t thread;
+        pthread_create(
+            &thread, nullptr,
+            [](void *) -> void * {
+                for (;;)
+                    pause();
+            },
+            nullptr);
+    };
+    expect_in_loop(start_thread,
+                   [this] { check(logged("other threads") == 1, "the log says so"); });
+    EXPECT_PROVOKED(read_file(directory / "agent.log"),
+                    "ruma_agent: other threads of the agent are not confined");
 }
 
 } // namespace

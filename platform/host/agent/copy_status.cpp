@@ -10,6 +10,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace ruma {
 namespace {
@@ -183,6 +184,16 @@ void report_lost_copy(const CopyStart &start, pid_t worker, const CopyModule &mo
     pmb_message message = pmb_make_message(copy_status_node, copy_status_sap, copy_status_opcode,
                                            &status, sizeof status);
     deliver_copy_status(message, module);
+}
+
+void report_own_failure(int32_t row) {
+    constexpr pmb_queue_attributes attributes{1, 0, 1024, 0, 0, 15};
+    constexpr pmb_send_options options{{1}};
+    const CopyStatus status{copy_failed, row, getpid()};
+    const int handle = pmb_bind(1, -1, &attributes, "flash_copy_task");
+    pmb_send(handle, copy_status_node, copy_status_sap, copy_status_opcode, &status, sizeof status,
+             &options);
+    pmb_unbind(handle, 0);
 }
 
 } // namespace ruma

@@ -92,6 +92,10 @@ bool is_in_progress(const CopyStart &start, const CopyModule &module);
 // which finds the worker dead.
 void report_lost_copy(const CopyStart &start, pid_t worker, const CopyModule &module);
 
+// Sends the status message of a failed transfer, as the worker that this process is. May block as
+// pmb_send. Without a receiver nothing is sent.
+void report_own_failure(int32_t row);
+
 } // namespace ruma
 
 #endif

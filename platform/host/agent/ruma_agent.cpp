@@ -4,6 +4,7 @@
 // Everything is set up once per process and stays. SIGHUP makes the agent unload and load its
 // modules, but this one is never unmapped, and callbacks, alarms and read descriptors outlive the
 // reload: a message that arrives meanwhile waits in the socket.
+#include "agent/confinement.h"
 #include "agent/copy_reports.h"
 #include "agent/copy_status.h"
 #include "agent/flash_directories.h"
@@ -189,12 +190,70 @@ void after_fork() {
         fork_error = errno;
 }
 
+// A worker runs commands that hold a station's words: one that cannot be confined as it was asked
+// for transfers nothing. Whatever the module does next in this process, it does confined.
+void confine_worker() {
+    try {
+        ruma::confine(ruma::worker_confinement());
+    } catch (const std::exception &error) {
+        snmp_log(LOG_ERR, "ruma_agent: copy %" PRIu32 " fails, its worker cannot be confined: %s\n",
+                 static_cast<uint32_t>(starting->row), error.what());
+        ruma::report_cause({ruma::CauseKind::verdict, 0, "the worker cannot be confined", ""});
+        ruma::report_own_failure(starting->row);
+        _exit(EXIT_SUCCESS); // as workers do
+    }
+}
+
 void after_fork_in_child() {
     if (!starting)
         return;
     is_worker = true;
     ruma::begin_transfer_report();
     ruma::set_process_row({ruma::RowTable::copy, static_cast<uint32_t>(starting->row)});
+    if (ruma::config().confine_agent)
+        confine_worker();
+}
+
+void log_confinement(const ruma::ConfinementState &state) {
+    if (state.kind == ruma::ConfinementState::Kind::unavailable) {
+        snmp_log(LOG_WARNING,
+                 "ruma_agent: this kernel has no Landlock: the agent and the workers of "
+                 "its copies are not confined\n");
+        return;
+    }
+    snmp_log(LOG_INFO, "ruma_agent: confined by Landlock, version %d\n", state.abi);
+    const std::string open = ruma::left_open(ruma::worker_confinement().denied, state.abi);
+    if (!open.empty())
+        snmp_log(LOG_WARNING, "ruma_agent: this kernel's Landlock leaves open to workers: %s\n",
+                 open.c_str());
+    if (state.threads)
+        snmp_log(LOG_WARNING, "ruma_agent: other threads of the agent are not confined\n");
+    for (const std::string &path : state.skipped)
+        snmp_log(LOG_WARNING,
+                 "ruma_agent: \"%s\" is the root directory, to which a confined agent "
+                 "may not write\n",
+                 path.c_str());
+}
+
+// An agent that cannot be confined serves on: its other tables do not matter less.
+void confine_agent(unsigned int, void *) {
+    try {
+        log_confinement(ruma::confine(ruma::agent_confinement()));
+    } catch (const std::exception &error) {
+        snmp_log(LOG_ERR, "ruma_agent: the agent is not confined: %s\n", error.what());
+    }
+}
+
+// Sockets and the pid file are made, and the rights of the start given up, after the modules have
+// been loaded: the agent confines itself when it comes to its loop.
+void confine_in_loop() {
+    static bool pending;
+    if (pending || !ruma::config().confine_agent)
+        return;
+    pending = true;
+    const timeval at_once{0, 1};
+    if (snmp_alarm_register_hr(at_once, 0, confine_agent, nullptr) == 0)
+        snmp_log(LOG_ERR, "ruma_agent: the agent is not confined: no memory\n");
 }
 
 void watch_workers() {
@@ -351,6 +410,7 @@ void init_ruma_agent() {
     const timeval at_once{0, 1};
     snmp_alarm_register_hr(at_once, 0, agent_has_its_user, nullptr);
     warn_of_state_directory();
+    confine_in_loop();
 }
 
 void deinit_ruma_agent() {}

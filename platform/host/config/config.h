@@ -26,6 +26,7 @@ struct Config {
     // Whether a worker that ends without its status message completes its row as failed.
     bool report_lost_workers = false;
     bool confine_agent = false;     // whether the agent and its workers confine themselves
+    std::string writable;           // where a confined agent may write besides; empty for nowhere
     std::string fs_daemon_user;     // user that fs_daemon runs as; empty means the agent's
     bool confine_fs_daemon = false; // whether fs_daemon confines itself
     bool trace_debug = false;       // whether debug messages are recorded from the start

@@ -43,6 +43,12 @@ constexpr Key<Config> agent_keys[] = {
      "Whether the agent confines itself and, more narrowly, the workers of its copies with "
      "Landlock, where the kernel has it.",
      "true"},
+    {"writable", Text<Config>{&Config::writable, Form::directory, max_directory}, false,
+     "A directory below which a confined agent may write besides its own places. A file system "
+     "that "
+     "is mounted on a flash directory after the agent has started can be written only where this "
+     "directory holds the flash directory.",
+     "\"/var/lib/ruma\""},
 };
 
 constexpr Key<Config> fs_daemon_keys[] = {

@@ -26,12 +26,10 @@ constexpr mode_t page_mode = 0600;
 std::string own_page; // of this process; empty without one
 pid_t owner;          // whose own_page is: a process forked later is not it
 
-std::string directory_path() { return run_dir() + "/transfer"; }
-
 // The directory, if it is this user's alone. Made for the user that the agent has by the time of
 // its first copy, not for the one that it starts as.
 UniqueFd open_directory() {
-    const std::string path = directory_path();
+    const std::string path = transfer_report_directory();
     if (mkdir(path.c_str(), directory_mode) != 0 && errno != EEXIST)
         return {};
     UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -99,6 +97,8 @@ pid_t worker_of(std::string_view name) {
 
 } // namespace
 
+std::string transfer_report_directory() { return run_dir() + "/transfer"; }
+
 void begin_transfer_report() {
     unsetenv(transfer_report_variable);
     try {
@@ -107,7 +107,7 @@ void begin_transfer_report() {
         const std::string name = std::to_string(owner);
         if (!make_page(name))
             return;
-        own_page = directory_path() + "/" + name;
+        own_page = transfer_report_directory() + "/" + name;
         setenv(transfer_report_variable, own_page.c_str(), 1);
     } catch (const std::bad_alloc &) {
     }
@@ -129,7 +129,7 @@ void report_cause(const TransferCause &cause) noexcept {
 TransferCause take_transfer_report(pid_t worker) {
     const std::string name = std::to_string(worker);
     const UniqueFd directory(
-        open(directory_path().c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        open(transfer_report_directory().c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (worker <= 0 || !directory)
         return {};
     TransferCause cause = read_page(directory.get(), name);
@@ -138,7 +138,8 @@ TransferCause take_transfer_report(pid_t worker) {
 }
 
 void remove_leftover_reports() {
-    const std::unique_ptr<DIR, int (*)(DIR *)> pages(opendir(directory_path().c_str()), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR *)> pages(opendir(transfer_report_directory().c_str()),
+                                                     closedir);
     while (const dirent *entry = pages ? readdir(pages.get()) : nullptr) {
         const pid_t worker = worker_of(entry->d_name);
         if (worker != 0 && kill(worker, 0) != 0 && errno == ESRCH)

@@ -49,6 +49,9 @@ struct TransferCause {
     std::string words;
 };
 
+// The directory of the pages.
+std::string transfer_report_directory();
+
 // --- In the worker
 
 // Makes the page of this process and names it in the environment. Called once, right after the
