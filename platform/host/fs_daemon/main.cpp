@@ -1,6 +1,7 @@
 // The file-system daemon: serves the inventory of the configured file systems to the SNMP agent.
 #include "base/peer.h"
 #include "config/config.h"
+#include "fs_daemon/confinement.h"
 #include "fs_daemon/server.h"
 
 #include <CLI/CLI.hpp>
@@ -31,6 +32,9 @@ int serve(const ruma::WatchLimits &limits) {
                                     ruma::configured_user_number(config.fs_daemon_user)};
     ruma::Inventory inventory(config.file_systems, limits);
     ruma::Server server(inventory, users, [] { read_config(); });
+    if (config.confine_fs_daemon) {
+        ruma::confine_daemon();
+    }
     return server.run() == ruma::Server::End::restart ? restart_status : EXIT_SUCCESS;
 }
 

@@ -188,7 +188,17 @@ class FsDaemon : public testing::Test {
         fs::remove_all(base);
     }
 
-    void configure(const std::string &more = "") {
+    // Whether the daemons under test are to confine themselves: these tests run once with and once
+    // without.
+    static bool confined() { return getenv("RUMA_TEST_CONFINED") != nullptr; }
+
+    void configure(std::string more = "") {
+        const std::string table = "[fs_daemon]\n";
+        if (more.find(table) == more.npos) {
+            more += table;
+        }
+        more.insert(more.find(table) + table.size(),
+                    std::string("confine = ") + (confined() ? "true\n" : "false\n"));
         write_file(base / "platform.toml",
                    "[[file_system]]\nscheme = \"bootflash\"\ndirectory = \"" + first.string() +
                        "\"\ndescription = \"Internal flash\"\n"
