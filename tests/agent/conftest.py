@@ -1,5 +1,7 @@
 """Hosts for the tests, and what must hold of a host after each of them."""
 
+import shutil
+
 import ber
 import pytest
 
@@ -88,6 +90,17 @@ def fixture_shared_host(module_host):
     descriptors = prepare(module_host)
     yield module_host
     check_after(module_host, descriptors)
+
+
+@pytest.fixture(name="user_host")
+def fixture_user_host(idle_host):
+    """A host whose agent is no root: directories can be closed to it, its processes
+    limited. Not yet running."""
+    idle_host.agent_user = "nobody"
+    idle_host.directory.chmod(0o755)
+    for directory in (idle_host.run_dir, idle_host.work_dir, idle_host.flash()):
+        shutil.chown(directory, "nobody")
+    return idle_host
 
 
 @pytest.fixture(name="v3_host")

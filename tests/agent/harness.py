@@ -57,7 +57,6 @@ IN_PROGRESS, SUCCESS, NEW_ROW = 1, 2, 17
 TRUE, FALSE = 1, 2
 TO_FLASH, TO_FLASH_WITHOUT_ERASE, FROM_FLASH = 1, 2, 3
 TFTP, FTP, SCP, SFTP = 1, 4, 5, 6
-OUTCOME_CODES = "0x4a03"  # of the error log's lines about copies and deletes
 INVALID_SOURCE, BUSY, DEVICE_FULL, TRANSFER_ERROR, NO_MEMORY, SCP_FAILURE = 5, 8, 12, 14, 16, 18
 
 # Starts a program where the fixed paths of the module lead into a host's directory. The mounts are
@@ -219,6 +218,11 @@ class Addresses:
 
 
 ADDRESSES = Addresses()
+
+
+def is_outcome(fields) -> bool:
+    """Whether a line of the error log is about how a copy or a delete ended."""
+    return fields[1].startswith("0x4a03")
 
 
 class ToolError(Exception):
@@ -496,15 +500,21 @@ class Host:
         return [line for line in self.trace() if "Copy is done with status" in line]
 
     def error_log(self) -> list:
-        """The lines of the agent's error log, as lists of fields."""
+        """The module's lines of the agent's error log, as lists of fields."""
+        return [fields for fields in self._log_lines() if not is_outcome(fields)]
+
+    def outcomes(self) -> list:
+        """The error log's lines about copies and deletes, as lists of fields."""
+        return [fields for fields in self._log_lines() if is_outcome(fields)]
+
+    def _log_lines(self) -> list:
         log = self.run_dir / "snmp-errors.log"
         lines = log.read_text(encoding="ascii").splitlines() if log.exists() else []
         return [line.split(", ") for line in lines]
 
     def errors(self) -> list:
         """The platform error codes that the module has entered into the agent's error log."""
-        codes = [fields[1] for fields in self.error_log()]
-        return [code for code in codes if not code.startswith(OUTCOME_CODES)]
+        return [fields[1] for fields in self.error_log()]
 
     # --- The stock tools
 

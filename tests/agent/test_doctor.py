@@ -167,8 +167,9 @@ def test_flash_directory_that_the_agent_cannot_write(well):
 
 
 def test_flash_directory_that_the_daemon_cannot_read(well):
-    with open(well.host.configuration, "a", encoding="utf-8") as configuration:
-        configuration.write('[fs_daemon]\nuser = "daemon"\n')
+    text = well.host.configuration.read_text()
+    text = text.replace("[fs_daemon]\n", '[fs_daemon]\nuser = "daemon"\n')
+    well.host.configuration.write_text(text)
     well.host.flash("slot0").chmod(0o700)
     finding = well.only("error")
     assert "fs_daemon's user daemon cannot read it" in finding["found"]

@@ -54,7 +54,7 @@ PUT = {
 
 def sentences(host, code=COPY_FAILED):
     """The sentences of the error log, each of which is in the agent's log too."""
-    lines = [fields[2:] for fields in host.error_log() if fields[1] == code]
+    lines = [fields[2:] for fields in host.outcomes() if fields[1] == code]
     assert all(len(fields) == 1 for fields in lines), lines
     found = [fields[0] for fields in lines]
     log = host.agent_log.read_text(errors="replace")
@@ -78,16 +78,6 @@ def fixture_image_host(host):
     """A running host with a file to send."""
     (host.flash() / "image.bin").write_bytes(b"content")
     return host
-
-
-@pytest.fixture(name="user_host")
-def fixture_user_host(idle_host):
-    """A host whose agent is no root: directories can be closed to it. Not yet running."""
-    idle_host.agent_user = "nobody"
-    idle_host.directory.chmod(0o755)
-    for directory in (idle_host.run_dir, idle_host.work_dir, idle_host.flash()):
-        shutil.chown(directory, "nobody")
-    return idle_host
 
 
 # --- TFTP
@@ -472,7 +462,7 @@ def test_abort_that_leaves_the_row_is_told_once(reporting_host):
 def test_copy_that_succeeds_leaves_no_line_and_no_page(host):
     host.enter(TftpServer(host.address, {"image.bin": b"content"}))
     assert host.copy(ROW, **GET) == SUCCESS
-    assert host.error_log() == []
+    assert host.error_log() == host.outcomes() == []
     assert not list((host.run_dir / "transfer").iterdir())
 
 

@@ -2,7 +2,6 @@
 
 import contextlib
 import os
-import shutil
 import signal
 import subprocess
 
@@ -371,16 +370,6 @@ def test_report_of_a_former_worker_does_not_complete_a_row_that_was_created_agai
 
 
 # --- Starts without a worker
-
-
-@pytest.fixture(name="user_host")
-def fixture_user_host(idle_host):
-    """A host whose agent is no root: its processes can be limited. Not yet running."""
-    idle_host.agent_user = "nobody"
-    idle_host.directory.chmod(0o755)
-    for directory in (idle_host.run_dir, idle_host.work_dir, idle_host.flash()):
-        shutil.chown(directory, "nobody")
-    return idle_host
 
 
 @contextlib.contextmanager
