@@ -2,6 +2,7 @@
 // Landlock and fail without.
 #include "sandbox/landlock.h"
 
+#include "idle_thread.h"
 #include "kernel.h"
 #include "temporary_directory.h"
 
@@ -238,14 +239,7 @@ TEST_F(Landlock, StateTellsTheAbiAndThatNothingWasAskedForBefore) {
 
 TEST_F(Landlock, StateTellsOfOtherThreads) {
     EXPECT_EQ(result_of([&] {
-                  pthread_t thread;
-                  pthread_create(
-                      &thread, nullptr,
-                      [](void *) -> void * {
-                          for (;;)
-                              pause();
-                      },
-                      nullptr);
+                  start_idle_thread();
                   return ruma::confine(writing_in()).threads ? 0 : 1;
               }),
               0);

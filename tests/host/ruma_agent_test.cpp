@@ -1,5 +1,6 @@
 // The agent module in an agent of one process: this one.
 #include "config/config.h"
+#include "idle_thread.h"
 #include "kernel.h"
 #include "pmb/message.h"
 #include "provoked.h"
@@ -300,17 +301,7 @@ TEST_F(ConfinedAgent, SaysWhatItsKernelLeavesOpen) {
 }
 
 TEST_F(ConfinedAgent, SaysThatItsOtherThreadsAreNotConfined) {
-    const auto start_thread = [] {
-        pthread_t thread;
-        pthread_create(
-            &thread, nullptr,
-            [](void *) -> void * {
-                for (;;)
-                    pause();
-            },
-            nullptr);
-    };
-    expect_in_loop(start_thread,
+    expect_in_loop(start_idle_thread,
                    [this] { check(logged("other threads") == 1, "the log says so"); });
     EXPECT_PROVOKED(read_file(directory / "agent.log"),
                     "ruma_agent: other threads of the agent are not confined");

@@ -67,13 +67,21 @@ const std::string &known_hosts_directory() {
 // The dynamic loader of this process, which is that of the programs that it starts. Empty without.
 std::string loader() {
     std::string path;
-    // The first object is the program itself.
+    // The first object is the program itself, which names its loader at a distance from the table
+    // of its segments.
     dl_iterate_phdr(
         [](dl_phdr_info *program, std::size_t, void *result) {
-            for (int i = 0; i < program->dlpi_phnum; ++i)
-                if (program->dlpi_phdr[i].p_type == PT_INTERP)
-                    *static_cast<std::string *>(result) = reinterpret_cast<const char *>(
-                        program->dlpi_addr + program->dlpi_phdr[i].p_vaddr);
+            const ElfW(Phdr) *table = nullptr;
+            const ElfW(Phdr) *name = nullptr;
+            for (const ElfW(Phdr) *each = program->dlpi_phdr;
+                 each != program->dlpi_phdr + program->dlpi_phnum; ++each) {
+                table = each->p_type == PT_PHDR ? each : table;
+                name = each->p_type == PT_INTERP ? each : name;
+            }
+            if (table != nullptr && name != nullptr)
+                *static_cast<std::string *>(result) =
+                    reinterpret_cast<const char *>(program->dlpi_phdr) +
+                    (name->p_vaddr - table->p_vaddr);
             return 1;
         },
         &path);
