@@ -38,7 +38,7 @@ extern "C" inline __attribute__((used)) long syscall(long number, ...) noexcept 
 inline void take_away(long call, int error, long argument = -1) {
     const auto number = static_cast<uint32_t>(call);
     const auto word = static_cast<uint32_t>(argument);
-    const uint8_t any = argument < 0 ? 1 : 0;
+    const bool any = argument < 0;
     sock_filter filter[] = {
         {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
         {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, number},
