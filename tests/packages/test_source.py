@@ -1,10 +1,10 @@
-"""Building from source in a fresh root, by the very lines of the documents."""
+"""Building from source in a fresh root, by the very lines of the manual."""
 
 import subprocess
 
-import build_line
 import pytest
 from machine import REPOSITORY
+from manual import BUILD
 
 
 @pytest.fixture(name="machine", scope="module")
@@ -30,7 +30,7 @@ def fixture_machine(make_installation):
 
 
 def test_build_needs_only_what_the_document_names(machine):
-    machine.run("sh", "-e", "-c", f"cd /usr/src/orvex\n{build_line.commands()}", timeout=600)
+    machine.run("sh", "-e", "-c", "\n".join(["cd /usr/src/orvex", *BUILD]), timeout=900)
     assert machine.run("fs_daemon", "--version") != ""
     for name in ("libruma_host.so", "ruma_agent.so", "orvex_flash_mib.so"):
         assert "not found" not in machine.run("ldd", f"/usr/lib/ruma/{name}")
