@@ -65,6 +65,12 @@ def test_page_names_the_options_of_the_help(program):
     assert in_page(MAN / PROGRAMS[program]) == in_help(program) | {"-h", "--help"}
 
 
+def test_page_names_the_commands_of_the_start_script():
+    script = (REPOSITORY / "packaging" / "device" / "orvex-flash").read_text()
+    [usage] = re.findall(r"^# Usage: orvex-flash (\S+)$", script, re.MULTILINE)
+    assert in_page(MAN / "orvex-flash.8") == set(usage.split("|"))
+
+
 @pytest.mark.parametrize("script", SCRIPTS, ids=lambda script: script.name)
 def test_transfer_script_has_a_page_of_its_name(script):
     page = MAN / f"{script.name}.8"
@@ -83,7 +89,8 @@ def test_every_program_that_is_built_for_installation_has_a_page():
 
 def test_pages_name_only_pages_that_there_are():
     # Of this system; others come with what they describe.
-    others = {"scp", "sftp", "tnftp", "sshd", "snmpd", "snmpd.conf", "snmp.conf", "systemd"}
+    others = {"scp", "sftp", "tnftp", "sshd", "snmpd", "snmpd.conf", "snmp.conf"}
+    others |= {"start-stop-daemon"}
     for page in PAGES:
         named = re.findall(r"^\.Xr (\S+) (\d)", page.read_text(), re.MULTILINE)
         missing = [f"{name}.{section}" for name, section in named if name not in others
