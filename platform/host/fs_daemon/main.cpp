@@ -4,10 +4,12 @@
 #include "fs_daemon/confinement.h"
 #include "fs_daemon/server.h"
 
+#include <cerrno>
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <sys/stat.h>
 #include <sysexits.h>
 
 namespace {
@@ -20,7 +22,8 @@ constexpr int restart_status = EX_TEMPFAIL;
 ruma::Config read_config() {
     const char *name = getenv("RUMA_CONFIG");
     const bool named = name != nullptr && *name != '\0';
-    if (!named && access(ruma::config_path().c_str(), F_OK) != 0) {
+    struct stat status {};
+    if (!named && stat(ruma::config_path().c_str(), &status) != 0 && errno == ENOENT) {
         return ruma::config();
     }
     return ruma::load_config(ruma::config_path());
