@@ -30,6 +30,8 @@ class Demo:
                 stdout=stream,
                 stderr=stream,
                 start_new_session=True,
+                # Whoever runs tests in the background ignores interrupts.
+                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
                 env=os.environ
                 | {"TMPDIR": str(directory), "ORVEX_BUILD_DIR": str(BUILD)}
                 | (extra or {}),

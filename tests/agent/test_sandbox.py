@@ -430,7 +430,7 @@ def refused_copy(host, message):
     host.activate(7)
     assert host.finish_copy(7) == TRANSFER_ERROR
     assert not (host.flash() / "x").exists()
-    assert any("the worker cannot be confined" in field for field in host.error_log()[-1])
+    assert any("the worker cannot be confined" in field for field in host.outcomes()[-1])
     return message in host.said()
 
 
