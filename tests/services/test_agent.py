@@ -1,4 +1,5 @@
-"""The administrator's agent is what it was before the packages, but for what is listed here."""
+"""The administrator's agent is what it was before the packages, but for what is listed here
+and in docs/install.md."""
 
 import re
 
@@ -16,12 +17,12 @@ LIVING = (
 # Tables that get rows: what was installed and configured.
 GROWN = {
     ".1.3.6.1.2.1.25.6.3": "hrSWInstalledTable: the packages",
-    ".1.3.6.1.4.1.2021.13.14": "the list of loaded modules",
+    ".1.3.6.1.4.1.2021.13.14": "dlmodTable: the loaded modules",
     ".1.3.6.1.4.1.8072.1.2": "nsModuleTable: what the modules have registered",
     ".1.3.6.1.4.1.8072.1.9": "nsVacmAccessTable: the access rules",
     ".1.3.6.1.6.3.15.1.2": "usmUserTable: the user",
-    ".1.3.6.1.6.3.16.1": "vacm tables: the user's group, access and view",
-    ".1.3.6.1.4.1.32473.1.1": "the module",
+    ".1.3.6.1.6.3.16.1": "vacmMIBObjects: the user's group, access and view",
+    ".1.3.6.1.4.1.32473.1.1": "ORVEX-FLASH-MIB: the module",
 }
 # Tables whose rows are others: mounted file systems as the service sees them in its sandbox.
 CHANGED = {
