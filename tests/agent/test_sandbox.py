@@ -144,6 +144,20 @@ def test_smuggled_signal_does_not_reach_the_agent(idle_host):
     assert idle_host.agent.running()
 
 
+@scripted
+def test_smuggled_command_reaches_no_event_history_where_there_is_no_state_directory(
+    idle_host, protocol
+):
+    """Cut, it would end the agent, which has it mapped, at its next trace."""
+    idle_host.state_dir.rmdir()
+    start(idle_host)
+    history = idle_host.run_dir / "event-history"
+    size = history.stat().st_size
+    smuggle(idle_host, protocol, f"echo >{history}")
+    assert history.stat().st_size == size
+    assert idle_host.agent.running()
+
+
 @both
 def test_tftp_destination_elsewhere_is_written_and_removed_only_without_confinement(
     idle_host, outside, confine

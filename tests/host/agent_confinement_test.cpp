@@ -57,6 +57,7 @@ class Worker : public testing::Test {
         const pid_t child = fork();
         if (child == 0) {
             fs::current_path(directory / "work");
+            ruma::make_known_hosts_directory();
             ruma::confine(ruma::worker_confinement());
             _exit(probe());
         }
@@ -100,9 +101,17 @@ TEST_F(Worker, WritesItsPageInTheRunDirectoryAndNothingElseThere) {
     EXPECT_EQ(making("run/file"), EACCES);
 }
 
-TEST_F(Worker, KeepsKnownHostsInTheRunDirectoryWhereThereIsNoStateDirectory) {
+TEST_F(Worker, WithoutAStateDirectoryKeepsKnownHostsInADirectoryOfTheirOwnAmongTheRunFiles) {
     fs::remove(directory / "state");
-    EXPECT_EQ(making("run/known_hosts"), 0);
+    EXPECT_EQ(making("run/ssh/known_hosts"), 0);
+    EXPECT_EQ(fs::status(directory / "run/ssh").permissions(), fs::perms::owner_all);
+}
+
+TEST_F(Worker, WithoutAStateDirectoryWritesNothingElseInTheRunDirectory) {
+    fs::remove(directory / "state");
+    write_file(directory / "run/event-history", "records");
+    EXPECT_EQ(making("run/event-history"), EACCES);
+    EXPECT_EQ(making("run/file"), EACCES);
 }
 
 TEST_F(Worker, WritesNowhereElse) {

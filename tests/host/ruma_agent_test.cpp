@@ -219,7 +219,7 @@ TEST_F(RumaAgent, SaysThatThereIsNoStateDirectory) {
         fs::create_directory(directory / "state");
         load();
         check(logged(missing + ": No such file or directory; known host keys are kept in " +
-                     ruma::run_dir() + ", which a boot may clear") == 1,
+                     ruma::run_dir() + "/ssh, which a boot may clear") == 1,
               "the log says so");
     });
     EXPECT_PROVOKED(read_file(directory / "agent.log"),

@@ -169,7 +169,7 @@ def test_without_a_state_directory_host_keys_are_kept_in_the_run_directory(
 ):
     client.state_directory.rmdir()
     assert client.put(protocol, server, source, "copy") == DONE
-    assert (client.run_directory / "known_hosts").read_text().startswith(server.address)
+    assert (client.run_directory / "ssh" / "known_hosts").read_text().startswith(server.address)
     assert not client.state_directory.exists()
 
 

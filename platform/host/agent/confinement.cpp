@@ -11,6 +11,7 @@
 
 #include <link.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ruma {
@@ -59,11 +60,6 @@ void allow_transfers(std::vector<PathRule> &rules, uint64_t rights) {
         allow(rules, device, device_rights);
 }
 
-// Where the scripts keep the known host keys.
-const std::string &known_hosts_directory() {
-    return access(state_dir().c_str(), F_OK) == 0 ? state_dir() : run_dir();
-}
-
 // The dynamic loader of this process, which is that of the programs that it starts. Empty without.
 std::string loader() {
     std::string path;
@@ -89,6 +85,16 @@ std::string loader() {
 }
 
 } // namespace
+
+std::string known_hosts_directory() {
+    return access(state_dir().c_str(), F_OK) == 0 ? state_dir() : run_dir() + "/ssh";
+}
+
+void make_known_hosts_directory() {
+    const std::string directory = known_hosts_directory();
+    if (directory != state_dir())
+        mkdir(directory.c_str(), 0700);
+}
 
 std::vector<std::string> socket_directories(const std::string &addresses) {
     std::vector<std::string> directories;

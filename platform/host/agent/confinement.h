@@ -18,6 +18,15 @@ Confinement agent_confinement();
 // starts only what the transfers need.
 Confinement worker_confinement();
 
+// Where the scripts keep the known host keys: the state directory or, where there is none at this
+// moment, one of their own in the run directory. The run directory itself holds what a station's
+// command must not reach, the event history that the agent has mapped for one.
+std::string known_hosts_directory();
+
+// Makes the latter where it is missing, for a worker that is about to be confined: afterwards it
+// may make files only. One that cannot be made is left to the scripts, which say so.
+void make_known_hosts_directory();
+
 // The directories of sockets in a list of transport addresses, as the agent's configuration has
 // them: "unix:/var/agentx/master,tcp:localhost:705" holds one, "/var/agentx".
 std::vector<std::string> socket_directories(const std::string &addresses);

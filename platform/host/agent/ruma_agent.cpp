@@ -194,6 +194,7 @@ void after_fork() {
 // for transfers nothing. Whatever the module does next in this process, it does confined.
 void confine_worker() {
     try {
+        ruma::make_known_hosts_directory();
         ruma::confine(ruma::worker_confinement());
     } catch (const std::exception &error) {
         snmp_log(LOG_ERR, "ruma_agent: copy %" PRIu32 " fails, its worker cannot be confined: %s\n",
@@ -367,7 +368,7 @@ void warn_of_state_directory() {
     if (access(ruma::state_dir().c_str(), F_OK) != 0)
         snmp_log(LOG_WARNING,
                  "ruma_agent: %s: %s; known host keys are kept in %s, which a boot may clear\n",
-                 ruma::state_dir().c_str(), strerror(errno), ruma::run_dir().c_str());
+                 ruma::state_dir().c_str(), strerror(errno), ruma::known_hosts_directory().c_str());
 }
 
 // Once, not after a reload: the module's registrations outlive it.

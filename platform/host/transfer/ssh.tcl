@@ -26,13 +26,15 @@ proc ssh_quoted {text} {
 }
 
 # Names the file of the known host keys: in the state directory, which survives a boot, or where none
-# is installed in the run directory. A key that could not be recorded would never be found changed, so
+# is installed in "ssh" in the run directory. A key that could not be recorded would never be found changed, so
 # the file must be writable.
 proc prepare_known_hosts {} {
     global knownHosts
     set directory [platform_directory RUMA_STATE_DIR /var/lib/ruma/state]
     if {![file exists $directory]} {
-        set directory [platform_directory RUMA_RUN_DIR /run/ruma]
+        set directory [platform_directory RUMA_RUN_DIR /run/ruma]/ssh
+        # A confined worker's is there already. One that is missing in the end, the next step tells.
+        catch {file mkdir $directory}
     }
     set knownHosts $directory/known_hosts
     if {[catch {close [open $knownHosts {WRONLY CREAT APPEND} 0600]}]} {
