@@ -194,6 +194,26 @@ TEST_F(TransferReport, LeftoverIsRemovedWhenItsProcessIsNoMore) {
     EXPECT_TRUE(fs::exists(page));
 }
 
+TEST_F(TransferReport, LeftoversAreNotLookedForBehindALink) {
+    const TemporaryDirectory elsewhere;
+    chmod(elsewhere.path().c_str(), 0700);
+    write_file(elsewhere / "4194304", "x");
+    fs::remove_all(ruma::run_dir() + "/transfer");
+    fs::create_symlink(elsewhere.path(), ruma::run_dir() + "/transfer");
+    ruma::remove_leftover_reports();
+    EXPECT_TRUE(fs::exists(elsewhere / "4194304"));
+}
+
+TEST_F(TransferReport, LeftoversAreNotLookedForInADirectoryOfAnotherUser) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give directories away";
+    const std::string directory = ruma::run_dir() + "/transfer";
+    write_file(directory + "/4194304", "x");
+    ASSERT_EQ(chown(directory.c_str(), 65534, 65534), 0);
+    ruma::remove_leftover_reports();
+    EXPECT_TRUE(fs::exists(directory + "/4194304"));
+}
+
 TEST_F(TransferReport, LeftoversNeedNoDirectory) {
     fs::remove_all(ruma::run_dir() + "/transfer");
     ruma::remove_leftover_reports();

@@ -271,7 +271,6 @@ void watch_workers() {
     }
     if (pthread_atfork(before_fork, after_fork, after_fork_in_child) != 0)
         snmp_log(LOG_ERR, "ruma_agent: cannot watch workers\n");
-    ruma::remove_leftover_reports();
 }
 
 void request_over(unsigned int, void *) {
@@ -383,7 +382,14 @@ void notice_order() {
                               "that of orvex_flash_mib\n");
 }
 
-void agent_has_its_user(unsigned int, void *) { ruma::warn_of_closed_directories(); }
+void agent_has_its_user(unsigned int, void *) {
+    try {
+        ruma::remove_leftover_reports();
+        ruma::warn_of_closed_directories();
+    } catch (const std::bad_alloc &) {
+        snmp_log(LOG_ERR, "ruma_agent: no memory to look after its directories\n");
+    }
+}
 
 } // namespace
 

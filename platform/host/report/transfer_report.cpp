@@ -26,13 +26,10 @@ constexpr mode_t page_mode = 0600;
 std::string own_page; // of this process; empty without one
 pid_t owner;          // whose own_page is: a process forked later is not it
 
-// The directory, if it is this user's alone. Made for the user that the agent has by the time of
-// its first copy, not for the one that it starts as.
+// The directory, if it is this user's alone.
 UniqueFd open_directory() {
-    const std::string path = transfer_report_directory();
-    if (mkdir(path.c_str(), directory_mode) != 0 && errno != EEXIST)
-        return {};
-    UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd directory(
+        open(transfer_report_directory().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!directory || fstat(directory.get(), &status) != 0 || status.st_uid != geteuid() ||
         (status.st_mode & 0077) != 0)
@@ -62,6 +59,9 @@ bool write_page(int file, const TransferPage &page) {
 }
 
 bool make_page(const std::string &name) {
+    // Made for the user that the agent has by the time of its first copy, not for the one that it
+    // starts as. What is there already is looked at next.
+    mkdir(transfer_report_directory().c_str(), directory_mode);
     const UniqueFd directory = open_directory();
     if (!directory)
         return false;
@@ -138,8 +138,11 @@ TransferCause take_transfer_report(pid_t worker) {
 }
 
 void remove_leftover_reports() {
-    const std::unique_ptr<DIR, int (*)(DIR *)> pages(opendir(transfer_report_directory().c_str()),
-                                                     closedir);
+    UniqueFd directory = open_directory();
+    const std::unique_ptr<DIR, int (*)(DIR *)> pages(
+        directory ? fdopendir(directory.get()) : nullptr, closedir);
+    if (pages)
+        directory.release(); // closed with the stream
     while (const dirent *entry = pages ? readdir(pages.get()) : nullptr) {
         const pid_t worker = worker_of(entry->d_name);
         if (worker != 0 && kill(worker, 0) != 0 && errno == ESRCH)

@@ -68,7 +68,8 @@ void report_cause(const TransferCause &cause) noexcept;
 // page of somebody else's, no regular file, of another form. Throws std::bad_alloc.
 TransferCause take_transfer_report(pid_t worker);
 
-// Removes the pages of workers that are no more.
+// Removes the pages of workers that are no more. To be called once the agent has its user: only a
+// directory of that user's own is looked at. Throws std::bad_alloc.
 void remove_leftover_reports();
 
 } // namespace ruma
