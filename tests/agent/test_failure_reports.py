@@ -37,7 +37,7 @@ from harness import (
     small_file_system,
     wait_for,
 )
-from remotes import HeldCopy, columns_for, start_server
+from remotes import HeldCopy, HeldTftp, columns_for, start_server
 from test_lost_workers import no_more_processes, reporting
 from tftp_server import TftpServer
 
@@ -457,6 +457,48 @@ def test_abort_that_leaves_the_row_is_told_once(reporting_host):
     assert reporting_host.finish_copy(ROW) == TRANSFER_ERROR
     assert only_sentence(reporting_host, COPY_ABORTED).endswith(" was aborted by a station")
     assert sentences(reporting_host) == []
+
+
+def start_beside(host, row):
+    """Starts a copy beside one that runs, as only createAndGo does, up to its middle."""
+    server = HeldTftp(host.enter(contextlib.ExitStack()), bytes(256 * 1024))
+    names = {"source": "large", "destination": f"bootflash:{row}"}
+    pairs = [(f"{CopyColumn.ROW}.{row}", ber.integer(CREATE_AND_GO))]
+    pairs += copy_columns(row, **names, **server.columns)
+    assert host.set(*pairs) == ber.NO_ERROR
+    wait_for(server.stands, "the copy beside reaches its middle")
+
+
+def test_abort_is_told_of_the_copy_that_it_ends(reporting_host):
+    """Which is the one that was started last, whichever row is taken away."""
+    first = HeldCopy(reporting_host, "tftp", "get")
+    first.start()
+    start_beside(reporting_host, 8)
+    assert reporting_host.destroy(ROW) == ber.NO_ERROR
+    assert reporting_host.finish_copy(8) == TRANSFER_ERROR
+    [sentence] = wait_for(lambda: sentences(reporting_host, COPY_ABORTED), "the abort is told")
+    assert sentence.startswith("copy 8 (")
+    assert sentence.endswith(" was aborted by a station")
+    assert sentences(reporting_host) == []
+    first.server.release()
+    wait_for(lambda: not live_children(reporting_host.agent.pid), "the first copy ends")
+    assert len(sentences(reporting_host, COPY_ABORTED)) == 1
+    assert sentences(reporting_host) == []
+
+
+def test_row_taken_away_when_the_last_copy_has_ended_is_told_as_no_abort(reporting_host):
+    """Nobody is ended then."""
+    first = HeldCopy(reporting_host, "tftp", "get")
+    first.start()
+    reporting_host.enter(TftpServer(reporting_host.address, {"image.bin": b"content"}))
+    columns = copy_columns(8, server=reporting_host.address, **GET)
+    pair = (f"{CopyColumn.ROW}.8", ber.integer(CREATE_AND_GO))
+    assert reporting_host.set(pair, *columns) == ber.NO_ERROR
+    assert reporting_host.finish_copy(8) == SUCCESS
+    assert reporting_host.destroy(ROW) == ber.NO_ERROR
+    first.server.stop()
+    wait_for(lambda: not live_children(reporting_host.agent.pid), "the first copy ends", timeout=60)
+    assert sentences(reporting_host, COPY_ABORTED) == []
 
 
 def test_copy_that_succeeds_leaves_no_line_and_no_page(host):

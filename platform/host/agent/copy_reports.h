@@ -27,7 +27,7 @@ class CopyReports {
     // A copy is about to be forked, asked for by `user`, who may be nobody.
     void started(const flashCopyEntry &row, const std::string &user);
 
-    // A request of `user` takes a copy's row away from it, which ends it.
+    // A request of `user` takes a row away, which ends the copy of this start.
     void aborted(const CopyStart &start, const std::string &user);
 
     // A copy's worker has reported a status. `pid` is still the worker's own.

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <optional>
 
 namespace ruma {
 namespace {
@@ -24,6 +25,7 @@ constexpr oid copy_row_status[] = {1, 2, 1, 1, 11}; // behind the root
 constexpr oid delete_row_status[] = {1, 2, 3, 1, 7};
 
 CopyReports *reports;
+CopyWorkers *workers;
 
 bool activates(long value) { return value == flash::rowActive || value == flash::rowCreateAndGo; }
 
@@ -63,11 +65,21 @@ bool read_wish(const netsnmp_request_info &request, Wish &wish) {
     return true;
 }
 
+// The copy that was started last, while its worker is not reaped.
+std::optional<CopyStart> last_start(const CopyModule &module) {
+    workers->settle(module); // that of an earlier variable of this request too
+    const pid_t worker = module.last_worker == nullptr ? 0 : *module.last_worker;
+    return worker > 0 ? workers->start_of_worker(worker) : std::nullopt;
+}
+
+// The module ends the copy that was started last, whichever row in progress is taken away.
 void before_action(const CopyModule &module, const Wish &wish) {
     flashCopyEntry row;
-    if (takes_away(wish.value) && read_row(module, wish.row, row) &&
-        row.copyStatus == flash::copyInProgress)
-        reports->aborted(start_of(row), get_snmp_username(0));
+    if (!takes_away(wish.value) || !read_row(module, wish.row, row) ||
+        row.copyStatus != flash::copyInProgress)
+        return;
+    if (const auto start = last_start(module))
+        reports->aborted(*start, get_snmp_username(0));
 }
 
 void after_action(const CopyModule &module, const Wish &wish) {
@@ -177,8 +189,9 @@ int registered(int, int, void *parameters, void *) {
 
 } // namespace
 
-bool watch_rows(CopyReports &reports_of_all) {
+bool watch_rows(CopyReports &reports_of_all, CopyWorkers &workers_of_all) {
     reports = &reports_of_all;
+    workers = &workers_of_all;
     return snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID,
                                   registered, nullptr) == SNMPERR_SUCCESS;
 }

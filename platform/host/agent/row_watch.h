@@ -4,13 +4,15 @@
 #define RUMA_HOST_AGENT_ROW_WATCH_H
 
 #include "agent/copy_reports.h"
+#include "agent/workers.h"
 
 namespace ruma {
 
 // Puts a handler of this module before the module's own whenever the module registers one of the
-// two columns; refusals, aborts and failed deletes then go to `reports`, which outlives all
-// requests. Called once, before the module is loaded. Returns false when it cannot.
-bool watch_rows(CopyReports &reports);
+// two columns; refusals, aborts and failed deletes then go to `reports`; which copy an abort ends,
+// `workers` knows. Both outlive all requests. Called once, before the module is loaded. Returns
+// false when it cannot.
+bool watch_rows(CopyReports &reports, CopyWorkers &workers);
 
 } // namespace ruma
 

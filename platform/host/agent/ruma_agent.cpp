@@ -262,7 +262,7 @@ void watch_workers() {
     if (watching)
         return;
     watching = true;
-    if (!ruma::watch_rows(reports))
+    if (!ruma::watch_rows(reports, workers))
         snmp_log(LOG_ERR, "ruma_agent: cannot watch the requests\n");
     if (workers.open() != 0 || register_readfd(workers.descriptor(), descriptor_is_readable,
                                                nullptr) != FD_REGISTERED_OK) {

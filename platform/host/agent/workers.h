@@ -44,8 +44,8 @@ class CopyWorkers {
     // is the one, exactly, however many copies one request starts.
     std::optional<CopyStart> before_fork(const CopyModule &module);
 
-    // Learns the process id of the start noted last. To be called when the request is over: the
-    // module has its id then, which it keeps until the next fork.
+    // Learns the process id of the start noted last. To be called after its fork, at the latest
+    // when the request is over: the module has its id then, which it keeps until the next fork.
     void settle(const CopyModule &module);
 
     // Ends, by SIGTERM, what a worker has left running that sends its status message: its transfer
