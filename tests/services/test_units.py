@@ -5,16 +5,10 @@ import time
 import pytest
 from booted import wait_for
 from harness import ACTIVE, CREATE_AND_WAIT, DEVICE, MiscColumn
+from installation import DIRECTORIES as PACKAGED
 
 DAEMON, AGENT = "orvex-flash-fsd", "snmpd"
-DIRECTORIES = {
-    "/var/lib/ruma": "root:root 755",
-    "/var/lib/ruma/bootflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/slot0": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/logflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/staging": "Debian-snmp:Debian-snmp 700",
-    "/var/lib/ruma/state": "Debian-snmp:Debian-snmp 700",
-    "/run/ruma": "Debian-snmp:Debian-snmp 755",
+DIRECTORIES = PACKAGED | {
     "/run/ruma/fsd": "ruma-fsd:ruma-fsd 755",
     "/run/ruma/fsd/fs_daemon.sock": "ruma-fsd:ruma-fsd 666",
     "/run/ruma/fsd/fs_daemon.lock": "ruma-fsd:ruma-fsd 600",
