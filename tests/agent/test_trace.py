@@ -112,6 +112,15 @@ def test_a_reload_keeps_what_was_asked_for_and_a_restart_does_not(quiet_host):
     assert not debug_records(quiet_host)
 
 
+def test_history_is_the_agents_users_though_the_agent_begins_as_root(user_host):
+    user_host.start()
+    assert (user_host.run_dir / "event-history").owner() == "nobody"
+    user_host.agent.stop()
+    user_host.start_agent()  # which begins as root once more
+    assert user_host.trace()
+    assert "no event history" not in user_host.logs()
+
+
 def test_records_survive_a_restart_of_the_agent(host):
     fail_a_copy(host)
     host.agent.stop()

@@ -123,6 +123,11 @@ def test_agent_whose_service_does_not_start(services):
     provoked(set_up(services), "orvex-flash-setup: the agent does not start: see journalctl -u snmpd")
 
 
+def test_start_script_that_does_not_start_everything(device):
+    device.program("etc/init.d/orvex-flash", '[ "$1" != start ]')
+    provoked(set_up(device), "orvex-flash-setup: … has not started everything: see above")
+
+
 def test_agent_that_does_not_take_the_user(services):
     provoked(set_up(services), "orvex-flash-setup: the agent has not taken the user: see its log")
 
@@ -161,6 +166,11 @@ UNWAITED = """
 /usr/share/idle child >/run/orvex-flash/fs_daemon.pid &
 until [ -s /run/orvex-flash/fs_daemon.pid ]; do :; done
 """
+
+
+def test_link_where_the_daemons_directory_belongs(started):
+    said = started("start", before="mkdir /run/ruma; ln -s /usr/share /run/ruma/fsd")
+    provoked(said, "orvex-flash: …/fsd is a link: remove it")
 
 
 def test_daemon_that_does_not_start(started):

@@ -70,6 +70,28 @@ TEST_F(HistoryTest, ANewHistoryIsEmptyAndAllSwitchesAreOff) {
     EXPECT_EQ(history.switches(), 0u);
 }
 
+TEST_F(HistoryTest, RootMakesTheFileForTheUserThatTheAgentIsGoingToHave) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    TemporaryDirectory other;
+    open_history(other.path(), HistoryAccess::record, nobody);
+    struct stat status {};
+    ASSERT_EQ(::stat((other / "event-history").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, nobody);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(HistoryTest, RootRecordsInTheFileOfTheAgentsUserAndOfNoOther) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    append("kept");
+    ASSERT_EQ(::chown(path.c_str(), nobody, nobody), 0);
+    EXPECT_NO_THROW(open_history(directory.path(), HistoryAccess::record, nobody));
+    EXPECT_THROW(open_history(directory.path(), HistoryAccess::record, nobody - 1),
+                 ruma::HistoryError);
+    EXPECT_THAT(texts(), ElementsAre("kept"));
+}
+
 TEST_F(HistoryTest, TheFileIsRegularBoundedAndReadableByItsOwnerOnly) {
     TemporaryDirectory other;
     const mode_t before = ::umask(0);

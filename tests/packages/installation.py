@@ -22,6 +22,16 @@ STATION = "127.0.0.2"
 MAIN_PACKAGES = ("orvex-flash-mib", "orvex-flash-fsd", "orvex-flash-tools")
 START_SCRIPT = "/usr/share/orvex-flash-mib/device/orvex-flash"
 PIDS = "/run/orvex-flash"
+# That the packages make, with owners and modes.
+DIRECTORIES = {
+    "/var/lib/ruma": "root:root 755",
+    "/var/lib/ruma/bootflash": "Debian-snmp:ruma-flash 2750",
+    "/var/lib/ruma/slot0": "Debian-snmp:ruma-flash 2750",
+    "/var/lib/ruma/logflash": "Debian-snmp:ruma-flash 2750",
+    "/var/lib/ruma/staging": "Debian-snmp:Debian-snmp 700",
+    "/var/lib/ruma/state": "Debian-snmp:Debian-snmp 700",
+    "/run/ruma": "Debian-snmp:Debian-snmp 755",
+}
 # The agent alone, as its package starts it.
 AGENT = f"snmpd -u Debian-snmp -g Debian-snmp -p {PIDS}/snmpd.pid"
 

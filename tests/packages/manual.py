@@ -11,6 +11,7 @@ from documents import marked  # noqa: E402, pylint: disable=C0413
 
 FIRST_COPY = marked("docs/install.md", "first-copy")
 BUILD = marked("docs/install.md", "build")
+SUBAGENT = marked("docs/install.md", "subagent")
 
 
 def packages() -> list[str]:

@@ -2,12 +2,13 @@
 
 import pytest
 from harness import SUCCESS, V3_PASSWORD, V3_USER, CopyColumn, SYS_UP_TIME, wait_for
-from installation import MAIN_PACKAGES, STATION
+from installation import DIRECTORIES, MAIN_PACKAGES, STATION
 from tftp_server import TftpServer
 
 CONFFILES = {
     "/etc/logrotate.d/orvex-flash-mib",
     "/etc/ruma/platform.toml",
+    "/etc/snmp/snmpd.conf.d/orvex-flash-modules.conf",
     "/etc/snmp/snmpd.conf.d/orvex-flash.conf",
 }
 SCRIPTS = {"/ruma/bin/snmp.ftp.expect", "/ruma/bin/scp.expect", "/ruma/bin/sftp.expect"}
@@ -20,15 +21,6 @@ PURGED = (
     "/usr/lib/ruma",
     "/var/log/fs_daemon.log",
 )
-DIRECTORIES = {
-    "/var/lib/ruma": "root:root 755",
-    "/var/lib/ruma/bootflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/slot0": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/logflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/staging": "Debian-snmp:Debian-snmp 700",
-    "/var/lib/ruma/state": "Debian-snmp:Debian-snmp 700",
-    "/run/ruma": "Debian-snmp:Debian-snmp 755",
-}
 IMAGE = bytes(range(256)) * 4096
 OWN_LINE = "# the administrator's own\n"
 

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 from booted import Installation, wait_for
-from harness import DEVICE
+from harness import DEVICE, V3_USER
 from test_units import DIRECTORIES
 
 SCRIPT = "/usr/share/orvex-flash-mib/device/orvex-flash"
@@ -167,14 +167,39 @@ def test_reload_with_a_bad_configuration_keeps_the_daemon(device):
     wait_for(device.serves, "the inventory answers", timeout=10)
 
 
-def test_daemon_that_cannot_start_is_said_and_the_agent_is_not_started(device):
+def test_daemon_that_cannot_start_is_said_and_the_agent_runs(device):
     device.script("stop")
     before = device.path(CONFIGURATION).read_text(encoding="utf-8")
     device.write(CONFIGURATION, "nonsense = 1\n")
-    said = device.script("start", check=False)
+    said = device.run("sh", "-c", f"{SCRIPT} start; echo $?")
     device.write(CONFIGURATION, before)
     assert "orvex-flash: fs_daemon does not" in said
-    assert device.pids() == [0, 0]
+    assert said.splitlines()[-1] == "1"
+    assert [number != 0 for number in device.pids()] == [False, True]
+
+
+def test_setup_says_what_the_script_has_not_started(device):
+    before = device.path(CONFIGURATION).read_text(encoding="utf-8")
+    device.script("stop")
+    device.write(CONFIGURATION, "nonsense = 1\n")
+    said = device.run("sh", "-c", f"orvex-flash-setup --user {V3_USER}; echo $?")
+    device.write(CONFIGURATION, before)
+    assert f"orvex-flash-setup: {SCRIPT} has not started everything: see above\n1\n" in said
+    assert "journalctl" not in said
+
+
+def test_link_in_place_of_the_daemons_directory_is_refused(device):
+    """The agent's user could make it."""
+    device.script("stop")
+    device.run("install", "-d", "-m", "0700", "/root/private")
+    device.run("rm", "-r", "/run/ruma/fsd")
+    link = ["ln", "-s", "/root/private", "/run/ruma/fsd"]
+    device.run("setpriv", "--reuid=Debian-snmp", "--clear-groups", *link)
+    said = device.run("sh", "-c", f"{SCRIPT} start; echo $?")
+    device.run("rm", "/run/ruma/fsd")
+    assert "/run/ruma/fsd is a link: remove it" in said
+    assert said.splitlines()[-1] != "0"
+    assert device.owner("/root/private") == "root:root 700"
 
 
 def test_process_that_only_has_the_number_of_a_pid_file_is_left_alone(device):

@@ -1,7 +1,7 @@
-"""Each key of the two sandboxes holds: a process in the service meets it, one outside does not.
+"""Each key of the sandboxes holds: a process in the service meets it, one outside does not.
 
-The agent's sandbox is entered by a command that the agent itself runs (`extend`); the daemon's by a
-unit that is the daemon's own but for the program. The confinement that the programs lay upon
+The agent's sandbox is entered by a command that the agent itself runs (`extend`); those of the daemon
+and the subagent by units that are their own but for the program. The confinement that the programs lay upon
 themselves is off meanwhile."""
 
 import re
@@ -10,7 +10,7 @@ import struct
 import pytest
 from conftest import SITE_OPTIONS
 
-DAEMON, AGENT = "orvex-flash-fsd", "snmpd"
+DAEMON, AGENT, SUBAGENT = "orvex-flash-fsd", "snmpd", "orvex-flash-subagent"
 MARK = "/tmp/of-another"
 DEVICE_MARK = "/dev/of-another"
 PROGRAM_32 = "/opt/program-32"
@@ -40,42 +40,44 @@ OTHER = object()  # anything but what is seen outside
 
 # Key of the unit: a Perl expression, what it gives in the service, and where.
 BOTH = (AGENT, DAEMON)
+ALL = (*BOTH, SUBAGENT)
 PROBES = [
-    ("NoNewPrivileges", "status('NoNewPrivs')", "1", BOTH),
+    ("NoNewPrivileges", "status('NoNewPrivs')", "1", ALL),
     ("CapabilityBoundingSet", "status('CapBnd')", "0" * 16, (DAEMON,)),
     # DAC_OVERRIDE, SETGID, SETUID, NET_BIND_SERVICE
     ("CapabilityBoundingSet", "status('CapBnd')", f"{0x4C2:016x}", (AGENT,)),
-    ("ProtectSystem", "make('/etc/x')", READ_ONLY, BOTH),
-    ("ProtectSystem", "make('/usr/x')", READ_ONLY, BOTH),
-    ("ProtectSystem", "make('/srv/x')", READ_ONLY, BOTH),
-    ("ProtectHome", "list('/home')", "Permission denied", (DAEMON,)),
+    ("CapabilityBoundingSet", "status('CapBnd')", f"{0xC2:016x}", (SUBAGENT,)),
+    ("ProtectSystem", "make('/etc/x')", READ_ONLY, ALL),
+    ("ProtectSystem", "make('/usr/x')", READ_ONLY, ALL),
+    ("ProtectSystem", "make('/srv/x')", READ_ONLY, ALL),
+    ("ProtectHome", "list('/home')", "Permission denied", (DAEMON, SUBAGENT)),
     ("ProtectHome", "make('/home/x')", READ_ONLY, (AGENT,)),
-    ("PrivateTmp", f"there('{MARK}')", "absent", BOTH),
-    ("PrivateDevices", f"there('{DEVICE_MARK}')", "absent", BOTH),
+    ("PrivateTmp", f"there('{MARK}')", "absent", ALL),
+    ("PrivateDevices", f"there('{DEVICE_MARK}')", "absent", ALL),
     ("PrivateNetwork", "readlink('/proc/self/ns/net')", OTHER, (DAEMON,)),
     ("PrivateIPC", "readlink('/proc/self/ns/ipc')", OTHER, (DAEMON,)),
-    ("PrivateMounts", "readlink('/proc/self/ns/mnt')", OTHER, BOTH),
-    ("ProtectHostname", "readlink('/proc/self/ns/uts')", OTHER, BOTH),
-    ("ProtectClock", "call(227, 0, 0)", DENIED, BOTH),  # clock_settime of nothing
-    ("ProtectControlGroups", "make('/sys/fs/cgroup/x')", READ_ONLY, BOTH),
-    ("ProtectKernelLogs", "mounted('/proc/kmsg')", OTHER, BOTH),
-    ("ProtectKernelModules", "list('/usr/lib/modules')", "Permission denied", BOTH),
-    ("ProtectKernelTunables", "mounted('/proc/sys/net')", "", (AGENT,)),  # that can be written
+    ("PrivateMounts", "readlink('/proc/self/ns/mnt')", OTHER, ALL),
+    ("ProtectHostname", "readlink('/proc/self/ns/uts')", OTHER, ALL),
+    ("ProtectClock", "call(227, 0, 0)", DENIED, ALL),  # clock_settime of nothing
+    ("ProtectControlGroups", "make('/sys/fs/cgroup/x')", READ_ONLY, ALL),
+    ("ProtectKernelLogs", "mounted('/proc/kmsg')", OTHER, ALL),
+    ("ProtectKernelModules", "list('/usr/lib/modules')", "Permission denied", ALL),
+    ("ProtectKernelTunables", "mounted('/proc/sys/net')", "", (AGENT, SUBAGENT)),  # that can be written
     ("ProtectKernelTunables", "mounted('/sys/kernel/debug')", OTHER, (DAEMON,)),
     ("ProtectProc", "there('/proc/1')", "absent", (DAEMON,)),
     ("ProtectProc", "there('/proc/1')", "there", (AGENT,)),  # whose own MIBs need it
     ("ProcSubset", "there('/proc/meminfo')", "absent", (DAEMON,)),
-    ("LockPersonality", "call(135, 0x40000)", DENIED, BOTH),
+    ("LockPersonality", "call(135, 0x40000)", DENIED, ALL),
     ("MemoryDenyWriteExecute", "call(9, 0, 4096, 7, 0x22, -1, 0)", DENIED, (DAEMON,)),
     ("RestrictAddressFamilies", "socket_of(PF_INET)", NO_FAMILY, (DAEMON,)),
-    ("RestrictAddressFamilies", "socket_of(17)", NO_FAMILY, BOTH),
-    ("RestrictNamespaces", "call(272, 0x10000000)", DENIED, BOTH),  # unshare of users
-    ("RestrictRealtime", "call(144, 0, 2, 0)", DENIED, BOTH),  # sched_setscheduler
-    ("RestrictSUIDSGID", "permitted('/tmp')", DENIED, BOTH),
-    ("SystemCallArchitectures", f"program('{PROGRAM_32}')", "signal 31", BOTH),
-    ("SystemCallFilter", "call(101, 0, 0, 0, 0)", DENIED, BOTH),  # ptrace
-    ("SystemCallFilter", "call(141, 0, 0, 5)", DENIED, BOTH),  # setpriority
-    ("UMask", "status('Umask')", "0077", BOTH),
+    ("RestrictAddressFamilies", "socket_of(17)", NO_FAMILY, ALL),
+    ("RestrictNamespaces", "call(272, 0x10000000)", DENIED, ALL),  # unshare of users
+    ("RestrictRealtime", "call(144, 0, 2, 0)", DENIED, ALL),  # sched_setscheduler
+    ("RestrictSUIDSGID", "permitted('/tmp')", DENIED, ALL),
+    ("SystemCallArchitectures", f"program('{PROGRAM_32}')", "signal 31", ALL),
+    ("SystemCallFilter", "call(101, 0, 0, 0, 0)", DENIED, ALL),  # ptrace
+    ("SystemCallFilter", "call(141, 0, 0, 5)", DENIED, ALL),  # setpriority
+    ("UMask", "status('Umask')", "0077", ALL),
 ]
 # Of a key that both have, the plain look shows no difference to outside.
 SAME_OUTSIDE = {("ProtectProc", AGENT)}
@@ -126,20 +128,34 @@ def extend(machine) -> str:
     return machine.get(name, options=SITE_OPTIONS).strip('"')
 
 
-def daemon_probe(machine) -> str:
-    """The daemon's unit as it is installed, but for what it runs."""
-    unit = machine.path(f"/lib/systemd/system/{DAEMON}.service").read_text(encoding="utf-8")
-    replaced = {
-        "Type": "oneshot",
-        "ExecStart": "/usr/bin/perl /etc/probe.pl",
-        "RuntimeDirectory": "ruma/probe",
-    }
+PROBE = "/usr/bin/perl /etc/probe.pl"
+# Units that are entered by themselves: where they are installed, and what the probe has instead of it.
+ENTERED = {
+    DAEMON: (
+        f"/lib/systemd/system/{DAEMON}.service",
+        {"Type": "oneshot", "ExecStart": PROBE, "RuntimeDirectory": "ruma/probe"},
+    ),
+    SUBAGENT: (
+        f"/usr/share/orvex-flash-mib/agentx/{SUBAGENT}.service",
+        {
+            "Type": "oneshot",
+            "ExecStart": f"/usr/bin/setpriv --reuid=Debian-snmp --clear-groups {PROBE}",
+            "PartOf": "probe.target",
+        },
+    ),
+}
+
+
+def enter(machine, unit) -> str:
+    """The unit as it is installed, but for what it runs."""
+    path, replaced = ENTERED[unit]
+    text = machine.path(path).read_text(encoding="utf-8")
     for key, value in replaced.items():
-        unit, count = re.subn(f"^{key}=.*", f"{key}={value}", unit, flags=re.MULTILINE)
+        text, count = re.subn(f"^{key}=.*", f"{key}={value}", text, flags=re.MULTILINE)
         assert count == 1, key
-    unit = re.sub(r"^(Restart|WatchdogSec|ExecReload)\w*=.*\n", "", unit, flags=re.MULTILINE)
-    unit = unit.replace("[Service]\n", "[Service]\nStandardOutput=truncate:/root/probed\n")
-    machine.write("/etc/systemd/system/probe.service", unit)
+    text = re.sub(r"^(Restart|WatchdogSec|ExecReload)\w*=.*\n", "", text, flags=re.MULTILINE)
+    text = text.replace("[Service]\n", "[Service]\nStandardOutput=truncate:/root/probed\n")
+    machine.write("/etc/systemd/system/probe.service", text)
     machine.run("systemctl", "daemon-reload")
     machine.run("systemctl", "start", "probe")
     return machine.path("/root/probed").read_text(encoding="utf-8")
@@ -157,13 +173,11 @@ def fixture_probed(site):
     machine.path(PROGRAM_32).write_bytes(program_32())
     machine.path(PROGRAM_32).chmod(0o755)
     said = {}
-    for unit, user, inside in (
-        (AGENT, "Debian-snmp", extend),
-        (DAEMON, "ruma-fsd", daemon_probe),
-    ):
+    for unit, user in ((AGENT, "Debian-snmp"), (DAEMON, "ruma-fsd"), (SUBAGENT, "Debian-snmp")):
         machine.write("/etc/probe.pl", script(unit))
         outside = ["setpriv", f"--reuid={user}", "--clear-groups", "perl", "/etc/probe.pl"]
-        said[unit] = (results(inside(machine)), results(machine.run(*outside)))
+        inside = extend(machine) if unit == AGENT else enter(machine, unit)
+        said[unit] = (results(inside), results(machine.run(*outside)))
     machine.write("/etc/ruma/platform.toml", configuration)
     machine.run("systemctl", "restart", DAEMON, AGENT)
     return said
@@ -206,7 +220,7 @@ TOGETHER = {"ReadWritePaths", "IPAddressAllow", "SystemCallErrorNumber"}
 @pytest.mark.parametrize(
     "unit, path",
     [
-        (AGENT, "/lib/systemd/system/snmpd.service.d/10-orvex-flash.conf"),
+        (AGENT, "/lib/systemd/system/snmpd.service.d/orvex-flash.conf"),
         (DAEMON, "/lib/systemd/system/orvex-flash-fsd.service"),
     ],
 )

@@ -1,22 +1,21 @@
 """orvex-flash-setup: the user, the access rules, and what it refuses."""
 
-import os
-import pty
 import re
 import subprocess
-import termios
 
 import pytest
-from harness import DEVICE, V3_USER, CopyColumn
+from harness import DEVICE, SYS_UP_TIME, V3_USER, CopyColumn
 
 PERSISTENT = "/var/lib/snmp/snmpd.conf"
+CONFIGURATION = "/etc/ruma/platform.toml"
 MEMBERS = "/etc/snmp/snmpd.conf.d/orvex-flash-users.conf"
 
 
-def set_up(machine, *options, text="") -> subprocess.CompletedProcess:
+def set_up(machine, *options, text="", environment=()) -> subprocess.CompletedProcess:
     """Runs the command with a text as its standard input, which is no terminal."""
+    command = ["env", *environment, "orvex-flash-setup", *options]
     return subprocess.run(
-        machine._enter(["orvex-flash-setup", *options]),  # pylint: disable=W0212
+        machine._enter(command),  # pylint: disable=W0212
         input=text,
         capture_output=True,
         text=True,
@@ -28,6 +27,11 @@ def set_up(machine, *options, text="") -> subprocess.CompletedProcess:
 def v3(user, authentication, privacy, level="authPriv"):
     options = ("-v3", "-l", level, "-u", user, "-a", "SHA-256", "-A", authentication)
     return options + (("-x", "AES", "-X", privacy) if level == "authPriv" else ())
+
+
+def generated(said) -> list:
+    """The two pass phrases that are shown."""
+    return re.findall(r"^    (?:auth\w+ SHA-256|privacy +AES) +(\S+)$", said, re.M)
 
 
 def reads(machine, options) -> bool:
@@ -65,7 +69,7 @@ def test_two_lines_are_two_pass_phrases(machine):
 def test_generated_pass_phrases_are_shown_once_and_work(machine):
     done = set_up(machine, "--user", "generated")
     assert done.returncode == 0, done.stderr
-    authentication, privacy = re.findall(r"^    (?:auth\w+ SHA-256|privacy +AES) +(\S+)$", done.stdout, re.M)
+    authentication, privacy = generated(done.stdout)
     assert authentication != privacy
     assert reads(machine, v3("generated", authentication, privacy))
     again = set_up(machine, "--user", "generated")
@@ -102,6 +106,59 @@ def test_other_users_and_the_administrators_files_stay_as_they_are(machine):
     assert machine.serves_inventory(), f"{V3_USER} is known as before"
     members = machine.path(MEMBERS).read_text(encoding="ascii")
     assert members.count("group orvexFlash usm another\n") == 1
+
+
+def test_dot_in_a_name_stands_for_itself(machine):
+    for user in ("axb", "a.b"):
+        done = set_up(machine, "--user", user, "--password-fd", "0", text=f"phrase of {user}\n")
+        assert done.returncode == 0, done.stderr
+    again = set_up(machine, "--user", "a.c", "--generate")
+    assert again.returncode == 0, again.stderr
+    for user in ("axb", "a.b"):
+        assert reads(machine, v3(user, f"phrase of {user}", f"phrase of {user}")), user
+    members = machine.path(MEMBERS).read_text(encoding="ascii").splitlines()
+    assert {f"group orvexFlash usm {user}" for user in ("axb", "a.b", "a.c")} <= set(members)
+
+
+def test_user_is_not_known_for_another_whose_name_fits_a_dot(machine):
+    set_up(machine, "--user", "kxnown", "--password-fd", "0", text="phrase of another\n")
+    done = set_up(machine, "--user", "k.nown")
+    assert done.returncode == 0, done.stderr
+    assert len(generated(done.stdout)) == 2
+
+
+def test_daemon_that_does_not_start_is_said_and_the_agent_runs_with_the_user(machine):
+    before = machine.path(CONFIGURATION).read_text(encoding="utf-8")
+    machine.write(CONFIGURATION, "nonsense = 1\n")
+    done = set_up(machine, "--user", "daemonless", "--generate")
+    answer = machine.get(SYS_UP_TIME, options=v3("daemonless", *generated(done.stdout)))
+    machine.write(CONFIGURATION, before)
+    machine.run("systemctl", "restart", "orvex-flash-fsd", "snmpd")
+    assert done.returncode == 1
+    assert "the file-system daemon does not start: see journalctl -u orvex-flash-fsd" in done.stderr
+    assert answer != ""
+
+
+# What stands in for mktemp, and the result of the command.
+ENDS = {
+    "a disk is full": ("echo 'mktemp: No space left on device' >&2; exit 1", 1),
+    "it is ended": ("kill -TERM $PPID; sleep 5", 128 + 15),
+    "it is interrupted": ("kill -INT $PPID; sleep 5", 128 + 2),
+}
+
+
+@pytest.mark.parametrize("lines, result", ENDS.values(), ids=ENDS)
+def test_agent_runs_again_and_users_stay_when(machine, lines, result):
+    machine.run("mkdir", "-p", "/root/stand-in")
+    machine.write("/root/stand-in/mktemp", f"#!/bin/sh\n{lines}\n", mode=0o755)
+    path = "PATH=/root/stand-in:/usr/sbin:/usr/bin:/sbin:/bin"
+    agent = machine.pid("snmpd")
+    done = set_up(machine, "--user", "nobody-new", "--generate", environment=[path])
+    assert done.returncode == result, done.stderr
+    assert machine.pid("snmpd") != agent, "it was stopped, and started"
+    assert generated(done.stdout) == [], "they do not hold"
+    machine.await_inventory()
+    assert machine.run("sh", "-c", f"ls {PERSISTENT}.*", check=False).startswith("ls: cannot access")
 
 
 BAD = {
@@ -147,26 +204,3 @@ def test_help_says_how_it_is_used(machine):
     assert done.returncode == 0
     assert done.stdout.startswith("Usage: orvex-flash-setup [--user NAME]")
     assert "--password-fd NUMBER" in done.stdout
-
-
-def test_interrupt_at_the_question_for_a_pass_phrase_leaves_the_terminal_as_it_was(machine):
-    agent = machine.pid("snmpd")
-    station, terminal = pty.openpty()
-    enter = machine._enter(["orvex-flash-setup", "--user", "asked"])  # pylint: disable=W0212
-    with subprocess.Popen(
-        ["setsid", "--ctty", "--wait", *enter], stdin=terminal, stdout=terminal, stderr=terminal
-    ) as asking:
-        said = b""
-        while b"pass phrase of asked" not in said:
-            said += os.read(station, 1000)
-        assert not echoes(terminal)
-        os.write(station, b"\x03")
-        assert asking.wait(20) != 0
-    assert echoes(terminal)
-    os.close(station)
-    os.close(terminal)
-    assert machine.pid("snmpd") == agent, "it was not restarted"
-
-
-def echoes(terminal) -> bool:
-    return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)

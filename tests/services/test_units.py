@@ -5,16 +5,10 @@ import time
 import pytest
 from booted import wait_for
 from harness import ACTIVE, CREATE_AND_WAIT, DEVICE, MiscColumn
+from installation import DIRECTORIES as PACKAGED
 
 DAEMON, AGENT = "orvex-flash-fsd", "snmpd"
-DIRECTORIES = {
-    "/var/lib/ruma": "root:root 755",
-    "/var/lib/ruma/bootflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/slot0": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/logflash": "Debian-snmp:ruma-flash 2750",
-    "/var/lib/ruma/staging": "Debian-snmp:Debian-snmp 700",
-    "/var/lib/ruma/state": "Debian-snmp:Debian-snmp 700",
-    "/run/ruma": "Debian-snmp:Debian-snmp 755",
+DIRECTORIES = PACKAGED | {
     "/run/ruma/fsd": "ruma-fsd:ruma-fsd 755",
     "/run/ruma/fsd/fs_daemon.sock": "ruma-fsd:ruma-fsd 666",
     "/run/ruma/fsd/fs_daemon.lock": "ruma-fsd:ruma-fsd 600",
@@ -62,17 +56,6 @@ def test_agent_runs_as_debians_own_user_in_the_staging_directory(machine):
 
 def test_drop_in_is_part_of_the_agents_service(machine):
     assert "orvex-flash.conf" in machine.property_of(AGENT, "DropInPaths")
-
-
-def test_drop_in_of_the_administrator_comes_on_top(machine):
-    own = "/etc/systemd/system/snmpd.service.d/local.conf"
-    machine.run("mkdir", "-p", own.rpartition("/")[0])
-    machine.write(own, "[Service]\nUMask=0027\n")
-    machine.run("systemctl", "daemon-reload")
-    umask = machine.property_of(AGENT, "UMask")
-    machine.run("rm", own)
-    machine.run("systemctl", "daemon-reload")
-    assert umask == "0027"
 
 
 @pytest.mark.parametrize("path, expected", DIRECTORIES.items())

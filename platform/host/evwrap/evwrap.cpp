@@ -1,6 +1,7 @@
 // The trace facility: the event history, and debug messages on standard error.
 #include "ruma/evwrap.h"
 
+#include "base/peer.h"
 #include "base/printable.h"
 #include "config/config.h"
 #include "evwrap/history.h"
@@ -56,7 +57,8 @@ void start() {
     const HistoryWord *opened = &off;
     try {
         const bool debug_too = ruma::config().trace_debug;
-        history.emplace(ruma::run_dir(), ruma::HistoryAccess::record);
+        history.emplace(ruma::run_dir(), ruma::HistoryAccess::record,
+                        ruma::configured_user_number(ruma::config().agent_user));
         history->configure(debug_too ? ruma::switches_recording : uint32_t{ruma::switch_errors});
         opened = &history->switches();
     } catch (const std::exception &error) {

@@ -35,7 +35,7 @@ constexpr std::array<uint32_t, header_words> empty_header() {
 }
 
 // Puts a new, empty history in place, unless another process was faster.
-void create(const std::string &directory, int directory_fd) {
+void create(const std::string &directory, int directory_fd, std::optional<uid_t> user) {
     const std::string temporary = std::string(file_name) + "." + std::to_string(::getpid());
     ::unlinkat(directory_fd, temporary.c_str(), 0); // left by a process of the same id
     const UniqueFd fd(::openat(directory_fd, temporary.c_str(),
@@ -50,6 +50,8 @@ void create(const std::string &directory, int directory_fd) {
         if (::pwrite(fd.get(), header.data(), sizeof header, 0) !=
             static_cast<ssize_t>(sizeof header))
             error = EIO;
+        else if (::geteuid() == 0 && user && ::fchown(fd.get(), *user, static_cast<gid_t>(-1)) != 0)
+            error = errno;
         else if (::linkat(directory_fd, temporary.c_str(), directory_fd, file_name, 0) != 0 &&
                  errno != EEXIST)
             error = errno;
@@ -60,11 +62,13 @@ void create(const std::string &directory, int directory_fd) {
 }
 
 // Refuses a file that others could have put there or could read.
-void check_owner(const std::string &directory, const struct stat &status, HistoryAccess access) {
+void check_owner(const std::string &directory, const struct stat &status, HistoryAccess access,
+                 std::optional<uid_t> user) {
     if (!S_ISREG(status.st_mode))
         fail(directory, "is not a regular file");
-    const bool root_looks_on = ::geteuid() == 0 && access != HistoryAccess::record;
-    if (status.st_uid != ::geteuid() && !root_looks_on)
+    const bool root_may =
+        ::geteuid() == 0 && (access != HistoryAccess::record || status.st_uid == user);
+    if (status.st_uid != ::geteuid() && !root_may)
         fail(directory, "belongs to another user");
     if ((status.st_mode & 077) != 0)
         fail(directory, "is open to other users");
@@ -81,7 +85,8 @@ bool is_history(int fd, const struct stat &status) {
 
 } // namespace
 
-UniqueFd open_history(const std::string &directory, HistoryAccess access) {
+UniqueFd open_history(const std::string &directory, HistoryAccess access,
+                      std::optional<uid_t> user) {
     const bool recording = access == HistoryAccess::record;
     const int mode = access == HistoryAccess::view ? O_RDONLY : O_RDWR;
     const UniqueFd directory_fd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -94,13 +99,13 @@ UniqueFd open_history(const std::string &directory, HistoryAccess access) {
         if (!fd) {
             if (errno != ENOENT || !recording)
                 fail(directory, errno);
-            create(directory, directory_fd.get());
+            create(directory, directory_fd.get(), user);
             continue;
         }
         struct stat status {};
         if (::fstat(fd.get(), &status) != 0)
             fail(directory, errno);
-        check_owner(directory, status, access);
+        check_owner(directory, status, access, user);
         if (is_history(fd.get(), status))
             return fd;
         if (!recording)

@@ -5,8 +5,10 @@
 #include "base/unique_fd.h"
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
 
 namespace ruma {
 
@@ -23,10 +25,12 @@ enum class HistoryAccess {
 };
 
 // Opens the history of a run directory, which must be a regular file, of this process's user and
-// closed to others; root may also control and view those of other users. Who records replaces its
-// own user's file of another layout or version, records and all; others refuse it. Throws
-// HistoryError.
-UniqueFd open_history(const std::string &directory, HistoryAccess access);
+// closed to others; root may also control and view those of other users. An agent that begins as
+// root makes the file for the `user` that it is going to have, and records in that user's. Who
+// records replaces a file of another layout or version that it could have made, records and all;
+// others refuse it. Throws HistoryError.
+UniqueFd open_history(const std::string &directory, HistoryAccess access,
+                      std::optional<uid_t> user = {});
 
 // Whether the run directory's history is this file, and not another by now.
 bool is_history_of(const std::string &directory, const UniqueFd &file) noexcept;

@@ -14,8 +14,8 @@
 namespace ruma {
 namespace {
 
-HistoryWord *map(const std::string &directory, HistoryAccess access) {
-    const UniqueFd fd = open_history(directory, access);
+HistoryWord *map(const std::string &directory, HistoryAccess access, std::optional<uid_t> user) {
+    const UniqueFd fd = open_history(directory, access, user);
     void *memory = ::mmap(nullptr, history_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (memory == MAP_FAILED)
         throw HistoryError(history_path(directory) + ": " + std::generic_category().message(errno));
@@ -24,8 +24,9 @@ HistoryWord *map(const std::string &directory, HistoryAccess access) {
 
 } // namespace
 
-EventHistory::EventHistory(const std::string &directory, HistoryAccess access)
-    : words_(map(directory, access)), boot_(this_boot()), opened_(uptime()) {}
+EventHistory::EventHistory(const std::string &directory, HistoryAccess access,
+                           std::optional<uid_t> user)
+    : words_(map(directory, access, user)), boot_(this_boot()), opened_(uptime()) {}
 
 void EventHistory::configure(uint32_t switches) noexcept {
     words_[header_configured].store(switches, std::memory_order_relaxed);

@@ -35,9 +35,10 @@ constexpr uint32_t repeat_window = 16;
 // A mapped history. Copies share the mapping, which lasts as long as the process.
 class EventHistory {
   public:
-    // Maps the history of a run directory for HistoryAccess::record or control. Throws
-    // HistoryError.
-    EventHistory(const std::string &directory, HistoryAccess access);
+    // Maps the history of a run directory for HistoryAccess::record or control, as open_history has
+    // it. Throws HistoryError.
+    EventHistory(const std::string &directory, HistoryAccess access,
+                 std::optional<uid_t> user = {});
 
     // Sets the switches as the configuration has them: what an agent that starts begins with.
     void configure(uint32_t switches) noexcept;
