@@ -12,6 +12,7 @@ from harness import LIBRARIES, PROGRAMS, REPOSITORY, Process, wait_for
 USER = "nobody"
 DOCTOR = PROGRAMS / "ruma-doctor"
 BASE_MODULES = ("SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF")
+PROGRAMS_OF_TRANSFERS = "sh cp timeout expect stty sleep tnftp ssh scp sftp".split()
 OK, WARNINGS, ERRORS, NOT_CHECKED = range(4)
 ROOT = ".1.3.6.1.4.1.32473.1"
 ACCESS = [
@@ -47,7 +48,7 @@ class Patient:
         shutil.copy(REPOSITORY / "mibs" / "ORVEX-FLASH-MIB.txt", self.mibs)
         for module in BASE_MODULES:
             (self.mibs / f"{module}.txt").touch()
-        for name in ("sh", "cp", "timeout", "expect", "tnftp", "ssh", "scp", "sftp"):
+        for name in PROGRAMS_OF_TRANSFERS:
             (self.programs / name).symlink_to("/bin/true")
         self.configure(dlmods("ruma_agent", "orvex_flash_mib") + ACCESS)
 
@@ -382,7 +383,7 @@ def test_missing_base_modules_are_a_note(well):
     assert "snmpwalk -M " in note["remedy"]
 
 
-@pytest.mark.parametrize("name", ["sh", "cp", "timeout", "expect", "tnftp", "ssh", "scp", "sftp"])
+@pytest.mark.parametrize("name", PROGRAMS_OF_TRANSFERS)
 def test_missing_program(well, name):
     (well.programs / name).unlink()
     finding = well.only("error")

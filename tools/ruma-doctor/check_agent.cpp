@@ -3,13 +3,13 @@
 
 #include "base/peer.h"
 #include "base/printable.h"
+#include "base/system_error.h"
 #include "base/unique_fd.h"
 #include "cmi/cmi_wire.h"
 #include "cmi/daemon_state.h"
 #include "flash_codes.h"
 #include "flash_records.h"
 #include "pmb/message.h"
-#include "report/sentence.h"
 #include "ruma/cmi.h"
 
 #include <algorithm>

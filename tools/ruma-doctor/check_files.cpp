@@ -4,8 +4,8 @@
 #include "agent/flash_directories.h"
 #include "base/peer.h"
 #include "base/printable.h"
+#include "base/system_error.h"
 #include "report/explain.h"
-#include "report/sentence.h"
 
 #include <cerrno>
 #include <cstdint>

@@ -1,8 +1,9 @@
 // Names, programs, the kernel.
 #include "checks.h"
 
+#include "base/system_error.h"
+#include "base/transfer_tools.h"
 #include "base/unique_fd.h"
-#include "report/sentence.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -22,33 +23,6 @@ namespace doctor {
 namespace {
 
 constexpr uintmax_t max_counted = 1000000;
-
-struct Program {
-    const char *name;
-    const char *package;
-    const char *what_for;
-};
-
-constexpr Program programs[] = {
-    {"sh", "dash", "every copy"},
-    {"cp", "coreutils", "TFTP copies from flash"},
-    {"timeout", "coreutils", "copies by FTP, SCP and SFTP"},
-    {"expect", "expect", "copies by FTP, SCP and SFTP"},
-    {"tnftp", "tnftp", "copies by FTP"},
-    {"ssh", "openssh-client", "copies by SCP and SFTP"},
-    {"scp", "openssh-client", "copies by SCP"},
-    {"sftp", "openssh-client", "copies by SFTP"},
-};
-
-struct Script {
-    const char *name;
-    int access;
-};
-
-constexpr Script scripts[] = {
-    {"snmp.ftp.expect", R_OK | X_OK}, {"scp.expect", R_OK | X_OK}, {"sftp.expect", R_OK | X_OK},
-    {"transfer.tcl", R_OK},           {"ssh.tcl", R_OK},
-};
 
 std::string find(const std::vector<std::string> &directories, const std::string &name, int mode) {
     for (const std::string &directory : directories) {
@@ -121,7 +95,7 @@ void check_mibs(const Installation &installation, Findings &findings) {
 }
 
 void check_programs(const Installation &installation, Findings &findings) {
-    for (const Program &program : programs) {
+    for (const ruma::TransferProgram &program : ruma::transfer_programs) {
         const std::string path = find(installation.programs, program.name, X_OK);
         if (path.empty())
             findings.error(std::string("program ") + program.name,
@@ -133,10 +107,11 @@ void check_programs(const Installation &installation, Findings &findings) {
 }
 
 void check_scripts(const Installation &installation, Findings &findings) {
-    for (const Script &script : scripts) {
+    for (const ruma::TransferScript &script : ruma::transfer_scripts) {
         const std::string path = installation.scripts + "/" + script.name;
         const std::string what = std::string("script ") + script.name;
-        if (access(path.c_str(), script.access) == 0)
+        const bool run = script.protocol != flash::protocolUnset;
+        if (access(path.c_str(), run ? R_OK | X_OK : R_OK) == 0)
             findings.ok(what, path);
         else
             findings.error(what, ruma::system_error_text(errno, path),

@@ -1,5 +1,6 @@
 #include "agent/confinement.h"
 
+#include "base/transfer_tools.h"
 #include "config/config.h"
 #include "report/transfer_report.h"
 
@@ -30,16 +31,6 @@ constexpr const char *dump_directory = "/var/tmp";
 
 // What a transfer's client writes to, and the terminals that expect runs it on.
 constexpr const char *devices[] = {"/dev/null", "/dev/tty", "/dev/ptmx", "/dev/pts"};
-
-// The fixed paths of the scripts.
-constexpr const char *scripts[] = {"/ruma/bin/snmp.ftp.expect", "/ruma/bin/scp.expect",
-                                   "/ruma/bin/sftp.expect"};
-
-// What the module and the scripts start: cp stages, expect sets up terminals by stty, scp and sftp
-// start ssh, sleep waits for a client to end.
-constexpr const char *programs[] = {"sh",  "cp",    "expect", "timeout", "stty",
-                                    "ssh", "tnftp", "scp",    "sftp",    "sleep"};
-constexpr const char *program_directories[] = {"/usr/bin/", "/bin/"};
 
 void allow(std::vector<PathRule> &rules, const std::string &path, uint64_t rights) {
     if (!path.empty())
@@ -144,11 +135,15 @@ Confinement worker_confinement() {
     // The page on which a worker and its scripts tell the cause of a failure is there.
     allow(result.rules, transfer_report_directory(), LANDLOCK_ACCESS_FS_WRITE_FILE);
     allow(result.rules, loader(), LANDLOCK_ACCESS_FS_EXECUTE);
-    for (const char *script : scripts)
-        allow(result.rules, script, LANDLOCK_ACCESS_FS_EXECUTE);
-    for (const char *directory : program_directories)
-        for (const char *program : programs)
-            allow(result.rules, std::string(directory) + program, LANDLOCK_ACCESS_FS_EXECUTE);
+    const auto allow_start = [&result](const std::string &directory, const char *name) {
+        allow(result.rules, directory + "/" + name, LANDLOCK_ACCESS_FS_EXECUTE);
+    };
+    for (const TransferScript &script : transfer_scripts)
+        if (script.protocol != flash::protocolUnset)
+            allow_start(transfer_script_directory, script.name);
+    for (const char *directory : transfer_program_directories)
+        for (const TransferProgram &program : transfer_programs)
+            allow_start(directory, program.name);
     return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include "agent/error_log.h"
 #include "agent/workers.h"
+#include "base/system_error.h"
 #include "flash_codes.h"
 #include "report/explain.h"
 #include "report/sentence.h"

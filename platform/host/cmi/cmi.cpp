@@ -5,12 +5,12 @@
 // waiting. A daemon that ended closes the connection, so its successor is found by the next call.
 #include "ruma/cmi.h"
 
-#include "agent/presence.h"
 #include "base/peer.h"
+#include "base/presence.h"
+#include "base/system_error.h"
 #include "cmi/cmi_wire.h"
 #include "cmi/daemon_state.h"
 #include "config/config.h"
-#include "report/sentence.h"
 
 #include <cerrno>
 #include <chrono>

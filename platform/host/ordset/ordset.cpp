@@ -1,7 +1,7 @@
 // The ordered index container, on the standard library's ordered set.
 #include "ruma/ordset.h"
 
-#include "agent/presence.h"
+#include "base/presence.h"
 #include "config/config.h"
 
 #include <net-snmp/net-snmp-config.h>

@@ -1,5 +1,7 @@
 #include "report/explain.h"
 
+#include "base/system_error.h"
+#include "base/transfer_tools.h"
 #include "flash_codes.h"
 #include "report/sentence.h"
 #include "ruma/syserr.h"
@@ -19,18 +21,6 @@ namespace {
 
 constexpr const char *system_log_name = "log:messages";
 constexpr std::string_view nvram_scheme = "ilc-nvram";
-
-struct Script {
-    int32_t protocol;
-    const char *path;
-};
-
-// What the module runs.
-constexpr Script scripts[] = {
-    {flash::protocolFtp, "/ruma/bin/snmp.ftp.expect"},
-    {flash::protocolScp, "/ruma/bin/scp.expect"},
-    {flash::protocolSftp, "/ruma/bin/sftp.expect"},
-};
 
 // A platform code's sentence, as part of another one.
 std::string text_of(int32_t code) {
@@ -160,9 +150,9 @@ std::string explain_refusal(const flashCopyEntry &row) {
 std::string explain_transfer(const flashCopyEntry &row) {
     if (row.protocol == flash::protocolTftp)
         return row.command == flash::commandFromFlash ? explain_staging(row) : "";
-    for (const Script &script : scripts) {
-        if (script.protocol == row.protocol)
-            return explain_access(script.path, X_OK);
+    for (const TransferScript &script : transfer_scripts) {
+        if (script.protocol == row.protocol && script.protocol != flash::protocolUnset)
+            return explain_access(std::string(transfer_script_directory) + "/" + script.name, X_OK);
     }
     return "no transfer speaks " + protocol_name(row.protocol);
 }

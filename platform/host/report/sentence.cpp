@@ -1,12 +1,12 @@
 #include "report/sentence.h"
 
 #include "base/printable.h"
+#include "base/system_error.h"
 #include "flash_codes.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <iterator>
-#include <system_error>
 
 namespace ruma {
 namespace {
@@ -99,11 +99,6 @@ std::string delete_status_name(int32_t status) { return status_name(delete_statu
 std::string protocol_name(int32_t protocol) {
     const char *name = find(protocols, protocol);
     return name == nullptr ? "protocol " + std::to_string(protocol) : name;
-}
-
-std::string system_error_text(int error, const std::string &path) {
-    const std::string text = line(std::generic_category().message(error));
-    return path.empty() ? text : text + ": " + line(path);
 }
 
 std::string describe(const TransferCause &cause) {

@@ -34,9 +34,6 @@ std::string delete_status_name(int32_t status);
 // The name of a copy protocol; "protocol 9" for one that has none.
 std::string protocol_name(int32_t protocol);
 
-// An errno's text and the path it is about.
-std::string system_error_text(int error, const std::string &path);
-
 // A cause in words; empty when there is none.
 std::string describe(const TransferCause &cause);
 

@@ -1,6 +1,6 @@
 // Whether ruma_agent is there, without which the flash module does not do its work.
-#ifndef RUMA_HOST_AGENT_PRESENCE_H
-#define RUMA_HOST_AGENT_PRESENCE_H
+#ifndef RUMA_HOST_BASE_PRESENCE_H
+#define RUMA_HOST_BASE_PRESENCE_H
 
 namespace ruma {
 

@@ -1,4 +1,4 @@
-#include "agent/presence.h"
+#include "base/presence.h"
 
 #include <net-snmp/net-snmp-config.h>
 
