@@ -9,7 +9,7 @@ import pytest
 
 from harness import LIBRARIES, PROGRAMS, REPOSITORY, Process, wait_for
 
-USER = "nobody"
+USER, GROUP = "nobody", "nogroup"
 DOCTOR = PROGRAMS / "ruma-doctor"
 BASE_MODULES = ("SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF")
 PROGRAMS_OF_TRANSFERS = "sh cp timeout expect stty sleep tnftp ssh scp sftp".split()
@@ -37,6 +37,7 @@ class Patient:
         self.programs = host.directory / "programs"
         self.user = USER
         self.options = []
+        self.inside = []  # what the doctor is run by
         host.agent_user = USER
         host.directory.chmod(0o755)
         for directory in (self.mibs, self.snmpd, self.programs):
@@ -61,8 +62,9 @@ class Patient:
 
     def run(self, *options):
         host = self.host
-        command = [DOCTOR, "--user", self.user, "--snmpd-config", self.snmpd / "snmpd.conf"]
+        command = [*self.inside, DOCTOR, "--user", self.user, "--snmpd-config", self.snmpd / "snmpd.conf"]
         command += ["--snmpd-users", self.snmpd / "users", "--scripts", host.scripts]
+        command += ["--subagent-config", self.snmpd / "subagent.conf"]
         command += ["--staging", host.work_dir, "--programs", self.programs]
         command += ["--mib-directories", self.mibs, *self.options, *options]
         return subprocess.run(
@@ -85,6 +87,18 @@ class Patient:
         assert finding["severity"] == severity
         assert status == {"warning": WARNINGS, "error": ERRORS}[severity]
         return finding
+
+    def heal(self, finding, command=None):
+        """Runs the remedy, after which all is well."""
+        subprocess.run(command or finding["remedy"], shell=True, check=True)
+        assert self.examine()[0] == OK
+
+    def note(self, check):
+        """The one note, which leaves the exit status alone."""
+        status, findings = self.examine()
+        [note] = [each for each in findings if each["severity"] != "ok"]
+        assert (note["check"], note["severity"], status) == (check, "note", OK)
+        return note
 
 
 @pytest.fixture(name="well")
@@ -163,8 +177,7 @@ def test_flash_directory_that_the_agent_cannot_write(well):
     finding = well.only("error")
     assert f"the agent cannot write it: Permission denied: {path}" in finding["found"]
     assert "owner root and mode 0755" in finding["found"]
-    subprocess.run(finding["remedy"], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding)
 
 
 def test_flash_directory_that_the_daemon_cannot_read(well):
@@ -181,8 +194,23 @@ def test_flash_directory_that_others_can_write(well):
     well.host.flash("slot0").chmod(0o777)
     finding = well.only("warning")
     assert "others than its owner can write" in finding["found"]
-    subprocess.run(finding["remedy"].split(" (")[0], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding, finding["remedy"].split(" (")[0])
+
+
+def give_away(path):
+    """To another user, with the agent's in its group, who may write it."""
+    shutil.chown(path, "daemon", GROUP)
+    path.chmod(0o770)
+
+
+def test_flash_directory_of_another_user(well):
+    path = well.host.flash("slot0")
+    give_away(path)
+    _, findings = well.examine()
+    [finding] = [each for each in findings if "it is another user's" in each["found"]]
+    assert finding["severity"] == "warning"
+    assert "owner daemon" in finding["found"]
+    well.heal(finding, f"{finding['remedy']} && chmod go-w {path}")
 
 
 @pytest.mark.parametrize("left, severity, found", [(0, "error", "no space"), (1, "warning", "1%")])
@@ -204,16 +232,25 @@ def test_staging_directory_that_the_agent_cannot_write(well):
     shutil.chown(well.host.work_dir, "root")
     finding = well.only("error")
     assert finding["what"] == "staging directory"
-    subprocess.run(finding["remedy"], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding)
+
+
+@pytest.mark.parametrize("what", ["staging directory", "state directory", "run directory"])
+def test_own_directory_of_another_user(well, what):
+    host = well.host
+    path = {"staging": host.work_dir, "state": well.state, "run": host.run_dir}[what.split()[0]]
+    give_away(path)
+    _, findings = well.examine()
+    [finding] = [each for each in findings if each["what"] == what and each["severity"] == "error"]
+    assert f"{path} is another user's than the agent's: owner daemon" in finding["found"]
+    well.heal(finding)
 
 
 def test_run_directory_that_others_can_write(well):
     well.host.run_dir.chmod(0o777)
     finding = well.only("error")
     assert finding["what"] == "run directory"
-    subprocess.run(finding["remedy"], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding)
 
 
 @pytest.mark.parametrize("fault", ["open", "missing"])
@@ -224,8 +261,7 @@ def test_state_directory(well, fault):
         shutil.rmtree(well.state)
     finding = well.only("error")
     assert finding["what"] == "state directory"
-    subprocess.run(finding["remedy"], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding)
 
 
 def test_daemon_that_does_not_run(well):
@@ -314,6 +350,58 @@ def test_module_of_another_version(well):
     assert "its version is 0.0.9, that of ruma-doctor " in well.only("error")["found"]
 
 
+def test_module_that_the_agent_still_runs_after_an_upgrade(well):
+    path = well.host.directory / "orvex_flash_mib.so"
+    shutil.copy(LIBRARIES / "orvex_flash_mib.so", path)
+    well.configure(dlmods("ruma_agent") + [f"dlmod orvex_flash_mib {path}"] + ACCESS)
+    program = f"import ctypes, time; ctypes.CDLL({str(path)!r}); print('has it', flush=True)"
+    program += "; time.sleep(60)"
+    log = well.host.directory / "former.out"
+    command = ["env", f"LD_PRELOAD={LIBRARIES / 'libruma_host.so'}", "python3", "-c", program]
+    former = Process(command, log, well.host.directory, well.host.environment)
+    try:
+        wait_for(lambda: "has it" in log.read_text(), "the module is loaded")
+        assert well.examine()[0] == OK
+        path.unlink()
+        shutil.copy(LIBRARIES / "orvex_flash_mib.so", path)
+        finding = well.only("warning")
+    finally:
+        former.stop()
+    assert finding["what"] == "loaded modules"
+    assert finding["found"].endswith(f" still runs the former {path}")
+    assert finding["remedy"].startswith("systemctl restart snmpd")
+    assert well.examine()[0] == OK
+
+
+def modules_in_a_subagent(well, master):
+    """The agent's own configuration has access only."""
+    (well.snmpd / "subagent.conf").write_text("\n".join(dlmods("ruma_agent", "orvex_flash_mib")))
+    well.configure([*master, *ACCESS])
+
+
+def test_modules_in_a_subagent_are_loaded_by_its_configuration(well):
+    modules_in_a_subagent(well, ["master agentx"])
+    status, findings = well.examine()
+    assert status == OK
+    [found] = [each["found"] for each in findings if each["what"] == "subagent"]
+    assert found == "the modules run in one, and the agent takes subagents"
+    assert any("subagent.conf:2" in each["found"] for each in findings)
+
+
+def test_agent_that_takes_no_subagent(well):
+    modules_in_a_subagent(well, [])
+    finding = well.only("error")
+    assert finding["found"] == "the modules run in one, and the agent takes none"
+    assert finding["remedy"].startswith('add a line "master agentx" to ')
+
+
+def test_agent_that_loads_the_modules_itself_has_no_subagent(well):
+    (well.snmpd / "subagent.conf").write_text("dlmod ruma_agent /none.so\n")
+    status, findings = well.examine()
+    assert status == OK
+    assert not [each for each in findings if each["what"] == "subagent"]
+
+
 def test_configuration_that_the_agents_user_cannot_read_is_read_by_root(well):
     (well.snmpd / "snmpd.conf").chmod(0o600)
     assert well.examine()[0] == OK
@@ -376,9 +464,7 @@ def test_missing_mib(well):
 
 def test_missing_base_modules_are_a_note(well):
     (well.mibs / "SNMPv2-TC.txt").unlink()
-    status, findings = well.examine()
-    [note] = [each for each in findings if each["severity"] == "note"]
-    assert status == OK
+    note = well.note("mibs")
     assert note["found"].startswith("missing: SNMPv2-TC;")
     assert "snmpwalk -M " in note["remedy"]
 
@@ -396,8 +482,7 @@ def test_script_that_cannot_be_run(well):
     path.chmod(0o644)
     finding = well.only("error")
     assert finding["found"] == f"Permission denied: {path}"
-    subprocess.run(finding["remedy"], shell=True, check=True)
-    assert well.examine()[0] == OK
+    well.heal(finding)
 
 
 def test_missing_script(well):
@@ -405,6 +490,51 @@ def test_missing_script(well):
     finding = well.only("error")
     assert finding["what"] == "script ssh.tcl"
     assert finding["remedy"] == "install the package orvex-flash-mib again"
+
+
+# --- The kernel
+
+KERNEL = ["/usr/bin/python3", REPOSITORY / "tests" / "agent" / "kernel.py"]
+NO_SECCOMP = 'mount -t tmpfs none /proc/sys/kernel/seccomp && exec "$@"'
+
+
+def confine_nobody(well):
+    text = well.host.configuration.read_text()
+    well.host.configuration.write_text(text.replace("confine = true", "confine = false"))
+
+
+def test_confinement_that_is_not_configured(well):
+    confine_nobody(well)
+    status, findings = well.examine()
+    assert status == OK
+    notes = [each for each in findings if each["severity"] == "note"]
+    assert [each["what"] for each in notes] == ["confinement of the agent", "confinement of fs_daemon"]
+    for note, table in zip(notes, ("agent", "fs_daemon")):
+        assert note["found"].startswith(f"[{table}] confine is false: ")
+        assert note["remedy"].startswith(f"set confine = true in [{table}] of ")
+
+
+def test_kernel_without_landlock(well):
+    well.inside = [*KERNEL, "without-landlock"]
+    status, findings = well.examine()
+    assert status == OK
+    notes = {each["what"]: each["found"] for each in findings if each["severity"] == "note"}
+    found = "it is configured, and this kernel has no Landlock"
+    assert notes == {"confinement of the agent": found, "confinement of fs_daemon": found}
+
+
+def test_kernel_without_landlock_that_nobody_is_to_use(well):
+    well.inside = [*KERNEL, "without-landlock"]
+    confine_nobody(well)
+    _, findings = well.examine()
+    assert not [each for each in findings if "this kernel has no" in each["found"]]
+
+
+def test_kernel_without_seccomp(well):
+    well.inside = ["unshare", "--mount", "sh", "-c", NO_SECCOMP, "sh"]
+    note = well.note("kernel")
+    assert note["what"] == "confinement of fs_daemon"
+    assert note["found"] == "it is configured, and this kernel has no seccomp"
 
 
 # --- It cannot be checked

@@ -75,15 +75,6 @@ struct Module {
     const Directive *line;
 };
 
-const Directive *dlmod_line(const AgentConfig &config, const char *name) {
-    const auto found = std::find_if(config.directives.begin(), config.directives.end(),
-                                    [name](const Directive &each) {
-                                        return strcasecmp(each.words[0].c_str(), "dlmod") == 0 &&
-                                               each.words.size() > 2 && each.words[1] == name;
-                                    });
-    return found == config.directives.end() ? nullptr : &*found;
-}
-
 bool check_module(const Module &module, Findings &findings) {
     const std::string what = std::string("module ") + module.name;
     if (module.line == nullptr) {
@@ -119,6 +110,22 @@ int connect_error(const std::string &path) {
     return connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0
                ? 0
                : errno;
+}
+
+// Whether the agent takes the subagent that loads the modules.
+void check_master(const Installation &installation, Findings &findings) {
+    const std::vector<Directive> &directives = installation.agent_config.directives;
+    const bool takes = std::any_of(directives.begin(), directives.end(), [](const Directive &each) {
+        return strcasecmp(each.words[0].c_str(), "master") == 0 && each.words.size() > 1 &&
+               (each.words[1] == "agentx" || each.words[1] == "all" || each.words[1] == "yes" ||
+                each.words[1] == "on");
+    });
+    if (takes)
+        findings.ok("subagent", "the modules run in one, and the agent takes subagents");
+    else
+        findings.error("subagent", "the modules run in one, and the agent takes none",
+                       "add a line \"master agentx\" to " + installation.agent_config_path +
+                           " and restart the agent");
 }
 
 // Who may read and write the tables.
@@ -240,12 +247,19 @@ void check_agent(const Installation &, Findings &findings) {
 }
 
 void check_modules(const Installation &installation, Findings &findings) {
-    const AgentConfig &config = installation.agent_config;
-    for (const std::string &each : config.unreadable)
+    for (const std::string &each : installation.agent_config.unreadable)
         findings.warning("agent configuration", ruma::printable(each),
                          "run ruma-doctor as root, or correct the include");
-    if (config.directives.empty())
+    if (installation.agent_config.directives.empty())
         return;
+    const AgentConfig &config = module_config(installation);
+    if (&config == &installation.subagent_config)
+        check_master(installation, findings);
+    for (const FormerModule &former : installation.former_modules)
+        findings.warning("loaded modules",
+                         "process " + std::to_string(former.process) + " still runs the former " +
+                             ruma::printable(former.path),
+                         "systemctl restart snmpd, which ends copies in progress");
     const Module agent{"ruma_agent", "ruma_agent_version", dlmod_line(config, "ruma_agent")};
     const Module flash{"orvex_flash_mib", nullptr, dlmod_line(config, "orvex_flash_mib")};
     check_module(agent, findings);

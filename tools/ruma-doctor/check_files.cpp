@@ -28,6 +28,11 @@ std::string owner_of(const struct stat &status) {
     return "owner " + ruma::user_name(status.st_uid) + " and mode " + mode;
 }
 
+// Whether somebody owns it who is neither root nor the agent's user, as whom the checks run.
+bool is_foreign(const struct stat &status) {
+    return status.st_uid != 0 && status.st_uid != geteuid();
+}
+
 std::string chown_remedy(const Installation &installation, const std::string &path,
                          const char *mode) {
     return "install -d -o " + installation.user + " -m " + mode + " " + path;
@@ -85,6 +90,12 @@ void check_flash(const Installation &installation, const ruma::FileSystem &file_
         return;
     }
     findings.ok(what, "the agent can read and write it");
+    if (is_foreign(status))
+        findings.warning(what,
+                         "it is another user's than the agent's, who can turn copies and deletes "
+                         "to other files; it has " +
+                             owner_of(status),
+                         "chown " + installation.user + " " + path);
     const std::string &daemon = installation.config->fs_daemon_user;
     if (!daemon.empty() && !mode_lets_read(status, daemon))
         findings.error(what,
@@ -111,7 +122,10 @@ bool check_own(const Installation &installation, const std::string &what, const 
                        remedy);
         return false;
     }
-    if ((status.st_mode & forbidden) != 0)
+    if (is_foreign(status))
+        findings.error(what, path + " is another user's than the agent's: " + owner_of(status),
+                       remedy);
+    else if ((status.st_mode & forbidden) != 0)
         findings.error(what, path + " has " + owner_of(status),
                        std::string("chmod ") + mode + " " + path);
     else

@@ -4,13 +4,12 @@
 #include "base/system_error.h"
 #include "base/transfer_tools.h"
 #include "base/unique_fd.h"
+#include "sandbox/landlock.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <linux/landlock.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 extern "C" {
@@ -73,6 +72,36 @@ void check_watches(const Installation &installation, Findings &findings) {
         findings.ok("inotify", found);
 }
 
+// One who is to confine itself, by what the kernel must have for that.
+void check_confined(const char *who, const char *table, bool is_configured,
+                    const std::string &missing, Findings &findings) {
+    const std::string what = std::string("confinement of ") + who;
+    if (!is_configured)
+        findings.note(
+            what, std::string("[") + table + "] confine is false: it does all that its user may",
+            std::string("set confine = true in [") + table + "] of " + ruma::config_path() +
+                ", and restart it; see security.md");
+    else if (!missing.empty())
+        findings.note(what, "it is configured, and this kernel has no " + missing,
+                      "a kernel that has it: Landlock is in 5.13 and newer, with landlock in "
+                      "/sys/kernel/security/lsm; see security.md");
+    else
+        findings.ok(what, "it is configured, and the kernel has what it needs");
+}
+
+void check_confinement(const ruma::Config &config, Findings &findings) {
+    const int landlock = ruma::landlock_abi();
+    const bool has_seccomp = access("/proc/sys/kernel/seccomp/actions_avail", F_OK) == 0;
+    const std::string missing = landlock > 0 ? "" : "Landlock";
+    const std::string filter = has_seccomp ? "" : "seccomp";
+    if (landlock > 0)
+        findings.ok("Landlock", "version " + std::to_string(landlock));
+    check_confined("the agent", "agent", config.confine_agent, missing, findings);
+    const char *const both = missing.empty() || filter.empty() ? "" : " and no ";
+    check_confined("fs_daemon", "fs_daemon", config.confine_fs_daemon, missing + both + filter,
+                   findings);
+}
+
 } // namespace
 
 void check_mibs(const Installation &installation, Findings &findings) {
@@ -121,16 +150,8 @@ void check_scripts(const Installation &installation, Findings &findings) {
 }
 
 void check_kernel(const Installation &installation, Findings &findings) {
-    const long landlock =
-        syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
-    if (landlock > 0)
-        findings.ok("Landlock", "version " + std::to_string(landlock));
-    else
-        findings.note("Landlock",
-                      "this kernel does not have it: agent and daemon do not confine "
-                      "themselves",
-                      "a kernel of 5.13 or newer with landlock in its list of security modules; "
-                      "see security.md");
+    if (installation.config)
+        check_confinement(*installation.config, findings);
     const ruma::UniqueFd self(pidfd_open(getpid(), 0));
     if (self)
         findings.ok("pidfd", "the agent sees at once that a worker ends");

@@ -103,6 +103,9 @@ void read_agent_configuration(Installation &installation) {
     doctor::AgentConfig users = doctor::read_agent_config(installation.users_path);
     for (doctor::Directive &directive : users.directives)
         installation.agent_config.directives.push_back(std::move(directive));
+    if (access(installation.subagent_config_path.c_str(), F_OK) == 0)
+        installation.subagent_config = doctor::read_agent_config(installation.subagent_config_path);
+    installation.former_modules = doctor::former_modules(installation);
 }
 
 void become(const std::string &user) {
@@ -151,6 +154,9 @@ int run(int argc, char **argv) {
     app.add_option("--snmpd-config", installation.agent_config_path, "The agent's configuration")
         ->capture_default_str();
     app.add_option("--snmpd-users", installation.users_path, "Where the agent keeps its users")
+        ->capture_default_str();
+    app.add_option("--subagent-config", installation.subagent_config_path,
+                   "The configuration of a subagent with the modules")
         ->capture_default_str();
     app.add_option("--scripts", installation.scripts, "Directory of the transfer scripts")
         ->capture_default_str();
