@@ -9,13 +9,17 @@
 
 namespace ruma {
 
-// The agent, as it is configured and running at this moment: its sockets, log files and pid file
-// are there. It may change files where its work needs it and nowhere else; reading, starting
-// programs and the network are not restricted.
+// All of these may throw std::bad_alloc, and block on nothing but the file system.
+
+// The agent, as it is configured and running at this moment. To be called when it has its user, and
+// its sockets, log files and pid file are there: what it needs to begin is not allowed to it any
+// more. It may change files where its work needs it and nowhere else; reading, starting programs
+// and the network are not restricted.
 Confinement agent_confinement();
 
-// A worker, right after the fork, within what the agent may do. It changes regular files only, and
-// starts only what the transfers need.
+// A worker, right after the fork, as the agent's user and within what the agent may do. It changes
+// regular files only, and starts only what the transfers need. Whether it keeps known host keys in
+// the state directory or in the run directory is decided anew at each call, thus at each fork.
 Confinement worker_confinement();
 
 // Where the scripts keep the known host keys: the state directory or, where there is none at this

@@ -8,7 +8,9 @@ namespace ruma {
 // Confines this process, which has one thread, for good. It writes in fs_daemon_dir() alone, and
 // only while that is the directory that it is now; it reads no file's content but that of the
 // configuration's directory, which it reads again at SIGHUP, and the names of users; it starts no
-// program, opens no socket but Unix ones, and makes no system call that its work does not need.
+// program, opens no socket but Unix ones (on i386 the C library makes sockets by a call whose
+// arguments a filter cannot see: there Landlock keeps it from TCP, and nothing from other
+// families), and makes no system call that its work does not need.
 // Directories can still be listed wherever its user may: one of them may be the file system that is
 // mounted tomorrow.
 //
