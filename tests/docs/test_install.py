@@ -41,7 +41,7 @@ def test_directory_is_described_as_it_is_made(path, mode, owner, group):
 
 
 def drop_in(key):
-    text = (PACKAGING / "systemd/snmpd.service.d/orvex-flash.conf").read_text()
+    text = (PACKAGING / "systemd/snmpd.service.d/10-orvex-flash.conf").read_text()
     return " ".join(re.findall(rf"^{key}=(.*)$", text, re.MULTILINE))
 
 

@@ -10,7 +10,7 @@ from manual import SUBAGENT
 from tftp_server import TftpServer
 
 AGENT, UNIT = "snmpd", "orvex-flash-subagent"
-DROP_IN = "/snmpd.service.d/orvex-flash.conf"
+DROP_IN = "/snmpd.service.d/10-orvex-flash.conf"
 
 
 @pytest.fixture(name="fresh", scope="module")

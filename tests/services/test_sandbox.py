@@ -220,7 +220,7 @@ TOGETHER = {"ReadWritePaths", "IPAddressAllow", "SystemCallErrorNumber"}
 @pytest.mark.parametrize(
     "unit, path",
     [
-        (AGENT, "/lib/systemd/system/snmpd.service.d/orvex-flash.conf"),
+        (AGENT, "/lib/systemd/system/snmpd.service.d/10-orvex-flash.conf"),
         (DAEMON, "/lib/systemd/system/orvex-flash-fsd.service"),
     ],
 )

@@ -1,7 +1,10 @@
 """orvex-flash-setup: the user, the access rules, and what it refuses."""
 
+import os
+import pty
 import re
 import subprocess
+import termios
 
 import pytest
 from harness import DEVICE, SYS_UP_TIME, V3_USER, CopyColumn
@@ -204,3 +207,26 @@ def test_help_says_how_it_is_used(machine):
     assert done.returncode == 0
     assert done.stdout.startswith("Usage: orvex-flash-setup [--user NAME]")
     assert "--password-fd NUMBER" in done.stdout
+
+
+def test_interrupt_at_the_question_for_a_pass_phrase_leaves_the_terminal_as_it_was(machine):
+    agent = machine.pid("snmpd")
+    station, terminal = pty.openpty()
+    enter = machine._enter(["orvex-flash-setup", "--user", "asked"])  # pylint: disable=W0212
+    with subprocess.Popen(
+        ["setsid", "--ctty", "--wait", *enter], stdin=terminal, stdout=terminal, stderr=terminal
+    ) as asking:
+        said = b""
+        while b"pass phrase of asked" not in said:
+            said += os.read(station, 1000)
+        assert not echoes(terminal)
+        os.write(station, b"\x03")
+        assert asking.wait(20) != 0
+    assert echoes(terminal)
+    os.close(station)
+    os.close(terminal)
+    assert machine.pid("snmpd") == agent, "it was not restarted"
+
+
+def echoes(terminal) -> bool:
+    return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)

@@ -58,6 +58,17 @@ def test_drop_in_is_part_of_the_agents_service(machine):
     assert "orvex-flash.conf" in machine.property_of(AGENT, "DropInPaths")
 
 
+def test_drop_in_of_the_administrator_comes_on_top(machine):
+    own = "/etc/systemd/system/snmpd.service.d/local.conf"
+    machine.run("mkdir", "-p", own.rpartition("/")[0])
+    machine.write(own, "[Service]\nUMask=0027\n")
+    machine.run("systemctl", "daemon-reload")
+    umask = machine.property_of(AGENT, "UMask")
+    machine.run("rm", own)
+    machine.run("systemctl", "daemon-reload")
+    assert umask == "0027"
+
+
 @pytest.mark.parametrize("path, expected", DIRECTORIES.items())
 def test_directory_has_its_owner_and_mode(machine, path, expected):
     assert machine.owner(path) == expected
