@@ -1,6 +1,8 @@
 """ruma-doctor: what it finds in an installation that is right, and in ones that are not."""
 
+import contextlib
 import json
+import pwd
 import shutil
 import signal
 import subprocess
@@ -171,6 +173,46 @@ def test_missing_flash_directory(well):
     assert finding["remedy"].endswith(f"install -d -o {USER} -m 2750 {path}")
 
 
+@contextlib.contextmanager
+def mounted(path, option):
+    """A small file system of the agent's user there."""
+    options = f"mode=0755,uid={pwd.getpwnam(USER).pw_uid},{option}"
+    subprocess.run(["mount", "-t", "tmpfs", "-o", options, "none", path], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "-l", path], check=True)
+
+
+def with_daemon_user(well):
+    text = well.host.configuration.read_text()
+    text = text.replace("[fs_daemon]\n", '[fs_daemon]\nuser = "daemon"\n')
+    well.host.configuration.write_text(text)
+
+
+def test_missing_flash_directory_is_made_so_that_the_daemon_reads_it(well):
+    with_daemon_user(well)
+    path = well.host.flash("slot0")
+    path.rmdir()
+    remedy = well.only("error")["remedy"]
+    assert remedy.endswith(f"install -d -o {USER} -g ruma-flash -m 2750 {path}")
+
+
+def test_flash_directory_of_another_user_is_given_to_the_daemons_group_too(well):
+    with_daemon_user(well)
+    path = well.host.flash("slot0")
+    shutil.chown(path, "root")
+    assert well.only("error")["remedy"].startswith(f"chown {USER}:ruma-flash {path}")
+
+
+def test_flash_directory_on_a_read_only_file_system(well):
+    path = well.host.flash("slot0")
+    with mounted(path, "ro"):
+        finding = well.only("error")
+        assert f"the agent cannot write it: Read-only file system: {path}" in finding["found"]
+        assert finding["remedy"].startswith("mount it for writing")
+
+
 def test_flash_directory_that_the_agent_cannot_write(well):
     path = well.host.flash("slot0")
     shutil.chown(path, "root")
@@ -181,9 +223,7 @@ def test_flash_directory_that_the_agent_cannot_write(well):
 
 
 def test_flash_directory_that_the_daemon_cannot_read(well):
-    text = well.host.configuration.read_text()
-    text = text.replace("[fs_daemon]\n", '[fs_daemon]\nuser = "daemon"\n')
-    well.host.configuration.write_text(text)
+    with_daemon_user(well)
     well.host.flash("slot0").chmod(0o700)
     finding = well.only("error")
     assert "fs_daemon's user daemon cannot read it" in finding["found"]
@@ -194,7 +234,7 @@ def test_flash_directory_that_others_can_write(well):
     well.host.flash("slot0").chmod(0o777)
     finding = well.only("warning")
     assert "others than its owner can write" in finding["found"]
-    well.heal(finding, finding["remedy"].split(" (")[0])
+    well.heal(finding)
 
 
 def give_away(path):
@@ -217,15 +257,11 @@ def test_flash_directory_of_another_user(well):
 def test_flash_directory_that_is_nearly_full(well, left, severity, found):
     path = well.host.flash("slot0")
     pages = 64
-    options = f"size={pages * 4096},mode=0755,uid=65534"
-    subprocess.run(["mount", "-t", "tmpfs", "-o", options, "none", path], check=True)
-    try:
+    with mounted(path, f"size={pages * 4096}"):
         (path / "file").write_bytes(bytes((pages - left) * 4096))
         finding = well.only(severity)
         assert found in finding["found"]
         assert finding["remedy"] == f"delete files below {path}"
-    finally:
-        subprocess.run(["umount", "-l", path], check=True)
 
 
 def test_staging_directory_that_the_agent_cannot_write(well):
@@ -424,6 +460,7 @@ def test_write_access_without_privacy(well, lines):
     assert "writes the flash tables without privacy" in finding["found"]
     assert "secret" not in str(finding)
     assert "orvex-flash-setup" in finding["remedy"]
+    assert "excludes .1.3.6.1.4.1.32473" in finding["remedy"]
 
 
 @pytest.mark.parametrize(

@@ -147,8 +147,10 @@ void check_open_access(const std::vector<Access> &found, Findings &findings) {
             findings.warning(what,
                              "writes the flash tables without privacy (" + access.place +
                                  "): whoever does that moves files with the agent's rights",
-                             "give write access to SNMPv3 users with the level priv only; "
-                             "orvex-flash-setup makes one");
+                             "give write access to SNMPv3 users with the level priv only, "
+                             "orvex-flash-setup makes one; keep others out by a view that "
+                             "excludes .1.3.6.1.4.1." +
+                                 std::to_string(ORVEX_ENTERPRISE_NUMBER) + " (option -V)");
     }
     if (!reads)
         findings.error("access", "nobody may read the flash tables",

@@ -33,9 +33,23 @@ bool is_foreign(const struct stat &status) {
     return status.st_uid != 0 && status.st_uid != geteuid();
 }
 
-std::string chown_remedy(const Installation &installation, const std::string &path,
-                         const char *mode) {
-    return "install -d -o " + installation.user + " -m " + mode + " " + path;
+std::string make_remedy(const std::string &owner, const std::string &path, const char *mode) {
+    return "install -d " + owner + " -m " + mode + " " + path;
+}
+
+// The agent's user, and for a daemon with a user of its own the group that lets it read.
+bool has_group(const Installation &installation) {
+    return !installation.config->fs_daemon_user.empty();
+}
+
+std::string unwritable_remedy(const Installation &installation, const std::string &path) {
+    struct statvfs system {};
+    if (statvfs(path.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0)
+        return "mount it for writing (mount -o remount,rw), or look in the kernel's log for why it "
+               "is not; the agent's service has to be allowed to write " +
+               path;
+    return "chown " + installation.user + (has_group(installation) ? ":ruma-flash " : " ") + path +
+           " && chmod u+rwx " + path;
 }
 
 // Whether `user` passes the mode bits of a file for reading, and for a directory searching.
@@ -80,13 +94,16 @@ void check_flash(const Installation &installation, const ruma::FileSystem &file_
     const std::string problem = ruma::explain_directory(file_system.directory);
     if (stat(file_system.directory.c_str(), &status) != 0) {
         findings.error(what, problem,
-                       "mount it or make it: " + chown_remedy(installation, path, "2750"));
+                       "mount it or make it: " +
+                           make_remedy("-o " + installation.user +
+                                           (has_group(installation) ? " -g ruma-flash" : ""),
+                                       path, "2750"));
         return;
     }
     if (!problem.empty()) {
         findings.error(what,
                        "the agent cannot write it: " + problem + "; it has " + owner_of(status),
-                       "chown " + installation.user + " " + path + " && chmod u+rwx " + path);
+                       unwritable_remedy(installation, path));
         return;
     }
     findings.ok(what, "the agent can read and write it");
@@ -106,7 +123,7 @@ void check_flash(const Installation &installation, const ruma::FileSystem &file_
     if (!search.writable.empty()) {
         const std::string writable = ruma::printable(search.writable);
         findings.warning(what, "others than its owner can write " + writable,
-                         "chmod go-w " + writable + " (find " + path + " -type d -perm /022)");
+                         "chmod go-w " + writable + "; find " + path + " -type d -perm /022");
     }
     check_space(what, file_system.directory, findings);
 }
@@ -116,7 +133,7 @@ bool check_own(const Installation &installation, const std::string &what, const 
                const char *mode, mode_t forbidden, Findings &findings) {
     struct stat status {};
     const std::string problem = ruma::explain_directory(path);
-    const std::string remedy = chown_remedy(installation, path, mode);
+    const std::string remedy = make_remedy("-o " + installation.user, path, mode);
     if (lstat(path.c_str(), &status) != 0 || !problem.empty()) {
         findings.error(what, problem.empty() ? ruma::system_error_text(errno, path) : problem,
                        remedy);
