@@ -7,10 +7,7 @@
 #include "base/unique_fd.h"
 #include "cmi/cmi_wire.h"
 #include "cmi/daemon_state.h"
-#include "flash_codes.h"
-#include "flash_records.h"
 #include "pmb/message.h"
-#include "ruma/cmi.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -190,17 +187,12 @@ void check_configuration(const Installation &installation, Findings &findings) {
 void check_daemon(const Installation &installation, Findings &findings) {
     if (!installation.config)
         return;
-    flashDeviceEntry key{};
-    void *response = nullptr;
-    uint32_t length = sizeof key;
-    const int result = cmi_req_resp(flash::opcodeDevice, CMI_NEXT, &key, &response, &length,
-                                    "ruma-doctor", 0, 0, 0, 0);
-    free(response);
+    const bool has_a_device = ruma::daemon_has_a_device();
     const std::string socket = ruma::fs_daemon_dir() + "/" + ruma::fs_daemon_socket;
     const std::string user = ruma::user_name(geteuid());
     switch (ruma::daemon_state()) {
     case ruma::DaemonState::up:
-        if (result == 0)
+        if (has_a_device)
             findings.ok("fs_daemon", "answers user " + user + " at " + socket);
         else
             findings.error("fs_daemon", "answers, and has no file system",

@@ -1,10 +1,15 @@
 #include "cmi/daemon_state.h"
 
+#include "flash_codes.h"
+#include "flash_records.h"
+#include "ruma/cmi.h"
+
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/library/snmp_logging.h>
 
 #include <chrono>
+#include <cstdlib>
 
 namespace ruma {
 namespace {
@@ -46,6 +51,16 @@ void log_state(const std::string &detail) {
 }
 
 } // namespace
+
+bool daemon_has_a_device() {
+    flashDeviceEntry key{};
+    void *response = nullptr;
+    uint32_t length = sizeof key;
+    const int result = cmi_req_resp(flash::opcodeDevice, CMI_NEXT, &key, &response, &length,
+                                    "ruma_host", 0, 0, 0, 0);
+    std::free(response);
+    return result == 0;
+}
 
 DaemonState daemon_state() { return current; }
 

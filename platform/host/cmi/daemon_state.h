@@ -16,6 +16,10 @@ enum class DaemonState {
     untrusted, // it runs as a user who is not believed
 };
 
+// Asks the daemon for its first file system, as a station's walk begins, whatever the answer: the
+// state is known then. Returns whether there is one. Blocks as cmi_req_resp.
+bool daemon_has_a_device();
+
 // The state as of the last request, and since when it has been.
 DaemonState daemon_state();
 std::time_t daemon_state_since();

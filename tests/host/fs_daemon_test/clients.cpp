@@ -2,6 +2,7 @@
 #include "daemon.h"
 
 #include "cmi/cmi_wire.h"
+#include "cmi/daemon_state.h"
 #include "flash_codes.h"
 #include "flash_records.h"
 #include "provoked.h"
@@ -176,37 +177,28 @@ class FsDaemonCmi : public FsDaemon {
         setenv("RUMA_RUN_DIR", run_dir().c_str(), 1);
         setenv("RUMA_CONFIG", (base / "platform.toml").c_str(), 1);
     }
-    static int first_device() {
-        flashDeviceEntry request{};
-        void *response = nullptr;
-        uint32_t length = sizeof request;
-        const int result = cmi_req_resp(flash::opcodeDevice, CMI_NEXT, &request, &response, &length,
-                                        "test", 0, 102, 0, 4);
-        free(response);
-        return result;
-    }
 };
 
 TEST_F(FsDaemonCmi, ADaemonThatHangsDiesOrRestartsIsFoundAgain) {
     start();
-    EXPECT_TRUE(eventually([] { return first_device() == 0; }));
+    EXPECT_TRUE(eventually(ruma::daemon_has_a_device));
     // Hung: nothing answers, until it goes on.
     ASSERT_EQ(kill(daemon, SIGSTOP), 0);
-    EXPECT_NE(first_device(), 0);
-    EXPECT_NE(first_device(), 0);
+    EXPECT_FALSE(ruma::daemon_has_a_device());
+    EXPECT_FALSE(ruma::daemon_has_a_device());
     ASSERT_EQ(kill(daemon, SIGCONT), 0);
-    EXPECT_TRUE(eventually([] { return first_device() == 0; }));
+    EXPECT_TRUE(eventually(ruma::daemon_has_a_device));
     // Killed, then started again.
     stop(SIGKILL);
-    EXPECT_NE(first_device(), 0);
+    EXPECT_FALSE(ruma::daemon_has_a_device());
     start();
-    EXPECT_TRUE(eventually([] { return first_device() == 0; }));
+    EXPECT_TRUE(eventually(ruma::daemon_has_a_device));
     // Killed while it hangs, then started again.
     ASSERT_EQ(kill(daemon, SIGSTOP), 0);
-    EXPECT_NE(first_device(), 0);
+    EXPECT_FALSE(ruma::daemon_has_a_device());
     stop(SIGKILL);
     start();
-    EXPECT_TRUE(eventually([] { return first_device() == 0; }));
+    EXPECT_TRUE(eventually(ruma::daemon_has_a_device));
 }
 
 } // namespace
