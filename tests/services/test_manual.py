@@ -104,7 +104,18 @@ def test_agent_is_out_of_the_sandbox_after_the_removal(removed):
     assert removed.status_of(AGENT)["NoNewPrivs"] == "0"
 
 
-def test_service_manager_knows_the_sandbox_of_packages_that_are_installed_again(removed, packages):
+@pytest.fixture(name="again", scope="module")
+def fixture_again(removed, packages):
     removed.install(packages, "orvex-flash-mib")
-    assert DROP_IN in removed.property_of(AGENT, "DropInPaths")
-    assert removed.property_of(AGENT, "NeedDaemonReload") == "no"
+    return removed
+
+
+def test_service_manager_knows_the_sandbox_of_packages_that_are_installed_again(again):
+    assert DROP_IN in again.property_of(AGENT, "DropInPaths")
+    assert again.property_of(AGENT, "NeedDaemonReload") == "no"
+
+
+def test_file_that_the_deployment_removed_does_not_come_back(again):
+    fragments = {file.name for file in again.path("/etc/snmp/snmpd.conf.d").iterdir()}
+    assert "orvex-flash.conf" in fragments
+    assert "orvex-flash-modules.conf" not in fragments
