@@ -23,7 +23,6 @@ exit $?
 """ % " ".join(OWN)  # with a command behind the other, so that the shell stays
 # A program that runs until it is ended, or has a child that does and is never waited for.
 IDLE = r"""
-#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 int main(int argc, char **argv) {
@@ -31,7 +30,6 @@ int main(int argc, char **argv) {
     if (child != 0)
         printf("%d\n", (int)child);
     fflush(stdout);
-    signal(SIGHUP, SIG_IGN);
     alarm(60);
     for (;;)
         pause();
@@ -157,8 +155,9 @@ def fixture_started(device, idle):
     return start
 
 
+# It ignores SIGHUP from its first instruction on.
 RUNNING = """
-/usr/share/idle &
+(trap '' HUP; exec /usr/share/idle) &
 until [ "$(readlink /proc/$!/exe)" = /usr/share/idle ]; do :; done
 echo $! >/run/orvex-flash/{}.pid
 """
