@@ -2,6 +2,7 @@
 #include "evwrap/since.h"
 
 #include <cstdlib>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -39,6 +40,10 @@ class SinceTest : public testing::Test {
         EXPECT_FALSE(since->takes(at(first - 1))) << text;
     }
 };
+
+TEST_F(SinceTest, RefusesATimeBeyondTheClocks) {
+    EXPECT_EQ(Since::parse("2100-01-01", now).has_value(), sizeof(time_t) > 4);
+}
 
 TEST_F(SinceTest, ASpanIsOfDaysHoursMinutesAndSeconds) {
     expect_first("90s", now.seconds - 90);

@@ -66,9 +66,11 @@ std::optional<int64_t> time_of(const std::string &text, int64_t now) {
             continue;
         const tm wanted = time;
         time.tm_isdst = -1;
+        time.tm_wday = -1;
         const time_t seconds = ::mktime(&time);
-        // mktime makes another day of one that does not exist.
-        if (time.tm_mday == wanted.tm_mday && time.tm_mon == wanted.tm_mon)
+        // mktime enters the day of the week, unless its time_t does not reach that far, and makes
+        // another day of one that does not exist.
+        if (time.tm_wday >= 0 && time.tm_mday == wanted.tm_mday && time.tm_mon == wanted.tm_mon)
             return seconds;
     }
     return {};
