@@ -4,6 +4,7 @@ These tests need a kernel with Landlock and fail without.
 """
 
 import contextlib
+import ctypes
 import os
 import re
 import signal
@@ -31,6 +32,12 @@ CONFINED = "ruma_agent: confined by Landlock"
 
 both = pytest.mark.parametrize("confine", ["true", "false"])
 scripted = pytest.mark.parametrize("protocol", SCRIPTED)
+
+
+def kernels_landlock():
+    """The version that the kernel names by itself."""
+    create_ruleset, ask_for_version = 444, 1
+    return ctypes.CDLL(None).syscall(create_ruleset, None, 0, ask_for_version)
 
 
 def on_kernel(*how):
@@ -137,7 +144,7 @@ def test_smuggled_touch_in_flash_starts_only_without_confinement(idle_host, conf
 
 def test_smuggled_signal_does_not_reach_the_agent(idle_host):
     start(idle_host)
-    if (idle_host.agent_log.read_text()).count("leaves open"):
+    if kernels_landlock() < 6:  # what the agent says of it must not decide
         pytest.skip("this kernel's Landlock leaves signals open")
     smuggle(idle_host, "sftp", f"kill -KILL {idle_host.agent.pid}; echo $? >said")
     assert (idle_host.work_dir / "said").read_text() == "1\n"

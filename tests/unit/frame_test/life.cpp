@@ -70,8 +70,8 @@ TEST_F(FrameTest, InitSetsThePipeStatusToOne) {
     EXPECT_EQ(pipe_status, 1);
 }
 
-TEST_F(FrameTest, TheWriteStreamLeadsToTheReadStream) {
-    init_orvex_flash_mib();
+// What is written into the one stream of the pipe is what the other one reads next.
+void expect_joined_streams() {
     ASSERT_NE(write_stream, nullptr);
     ASSERT_NE(read_stream, nullptr);
     EXPECT_EQ(fileno(write_stream), mypipe[1]);
@@ -81,6 +81,11 @@ TEST_F(FrameTest, TheWriteStreamLeadsToTheReadStream) {
     char line[20] = "";
     ASSERT_NE(std::fgets(line, sizeof line, read_stream), nullptr);
     EXPECT_STREQ(line, "2:5\n");
+}
+
+TEST_F(FrameTest, TheWriteStreamLeadsToTheReadStream) {
+    init_orvex_flash_mib();
+    expect_joined_streams();
 }
 
 TEST_F(FrameTest, InitCreatesNoRowStore) {
@@ -260,15 +265,7 @@ TEST_F(FrameTest, AfterASecondStartTheWriteStreamLeadsToTheReadStream) {
     std::fputs("1:1\n", write_stream);
     std::fflush(write_stream);
     init_orvex_flash_mib();
-    ASSERT_NE(write_stream, nullptr);
-    ASSERT_NE(read_stream, nullptr);
-    EXPECT_EQ(fileno(write_stream), mypipe[1]);
-    EXPECT_EQ(fileno(read_stream), mypipe[0]);
-    std::fputs("2:5\n", write_stream);
-    std::fflush(write_stream);
-    char line[20] = "";
-    ASSERT_NE(std::fgets(line, sizeof line, read_stream), nullptr);
-    EXPECT_STREQ(line, "2:5\n");
+    expect_joined_streams();
 }
 
 TEST_F(FrameTest, APipeThatFailsAtASecondStartLeavesNeitherDescriptorsNorStreams) {
