@@ -145,8 +145,8 @@ def test_daemon_that_does_not_start_is_said_and_the_agent_runs_with_the_user(mac
 # What stands in for mktemp, and the result of the command.
 ENDS = {
     "a disk is full": ("echo 'mktemp: No space left on device' >&2; exit 1", 1),
-    "it is ended": ("kill -TERM $PPID; sleep 5", 128 + 15),
-    "it is interrupted": ("kill -INT $PPID; sleep 5", 128 + 2),
+    "it is ended": ("kill -TERM $PPID", 128 + 15),
+    "it is interrupted": ("kill -INT $PPID", 128 + 2),
 }
 
 
